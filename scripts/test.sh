@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Runs the whole test suite twice: a normal build, then a build with
+# AddressSanitizer and UndefinedBehaviorSanitizer (halting on the first error).
+source "$(dirname "$0")/common.sh"
+kolt_ensure_packages "${KOLT_BUILD_PACKAGES[@]}"
+
+cd "$KOLT_ROOT"
+start=$(date +%s)
+
+echo "== normal build"
+kolt_build build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo
+(cd build/release && ctest --output-on-failure -j "$KOLT_JOBS" --timeout 180)
+
+echo "== AddressSanitizer + UBSan build"
+kolt_build build/asan -DCMAKE_BUILD_TYPE=Debug -DKOLT_SANITIZE=ON
+export ASAN_OPTIONS="halt_on_error=1:abort_on_error=1:detect_leaks=1"
+export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
+(cd build/asan && ctest --output-on-failure -j "$KOLT_JOBS" --timeout 300)
+
+echo "== all tests passed in $(( $(date +%s) - start )) s"

@@ -1,0 +1,52 @@
+// Small helpers shared by the tests: temporary directories, environment
+// overrides and whole-file reads.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kolt::test {
+
+// A fresh directory under the system temporary directory, removed with
+// everything in it when the object goes out of scope.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+    std::string str() const { return path_.string(); }
+    // Writes a file below the directory (creating parent directories) and
+    // returns its full path.
+    std::string write(const std::string& relative, const std::string& content) const;
+
+private:
+    std::filesystem::path path_;
+};
+
+// Sets (or unsets, with std::nullopt) an environment variable for the
+// lifetime of the object and restores the previous value afterwards.
+class ScopedEnv {
+public:
+    ScopedEnv(std::string name, std::optional<std::string> value);
+    ~ScopedEnv();
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    std::string name_;
+    std::optional<std::string> old_;
+};
+
+std::string read_file(const std::string& path);
+std::vector<uint8_t> bytes(std::initializer_list<int> values);
+std::vector<uint8_t> from_hex(const std::string& hex);  // blanks ignored
+std::string to_hex(const uint8_t* data, size_t n);       // upper case, no blanks
+inline std::string to_hex(const std::vector<uint8_t>& v) { return to_hex(v.data(), v.size()); }
+
+}  // namespace kolt::test
