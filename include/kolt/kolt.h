@@ -193,26 +193,157 @@ KOLT_API int32_t GetCurrentPath(char *out, const char *name);                   
 /* ======================================================================
  * Device link: terminal command file "idcread.ext"
  * ==================================================================== */
+/* Every output below receives at most 255 bytes and a terminator: give 256-byte buffers. */
 KOLT_API int32_t KOLT_getTermCmdFromExtfile(const char *typeText, const char *portText, char *openOut, char *closeOut, char *lockOut, char *unlockOut, char *leadOut, char *endOut); /* count of OPEN_COM/CLOSE_COM entries of the section, 0 none, -1 no file */
 KOLT_API int32_t KOLT_getTransferCmdFromExtfile(const char *typeText, const char *letter, char *out); /* OPEN_PORT<letter> of the pass-through section as bytes; 0, -2 absent, -1 no file */
-KOLT_API int32_t KOLT_getValueFromStr(char *line, const char *key, char *out);       /* value after "key=" in line (line is edited); 0, or -1 when absent */
+KOLT_API int32_t KOLT_getValueFromStr(char *line, const char *key, char *out);       /* value after "key=" in line (line is edited; "%%" gives "%"); 0, or -1 when absent */
 KOLT_API int32_t KOLT_getValueFromFile(const char *path, const char *key, char *out); /* value of the first "key=" line of a key=value file; 0, -2 absent, -1 no file */
 KOLT_API int32_t getStrFirstChar(const char *text);                                 /* first character that is not a blank or a tab, or 0 */
 KOLT_API int32_t convertStr2Bytebuf(const char *value, char *out);                  /* terminal-file value to bytes ("1B.." hex, else "\033" text); returns the byte count */
 
 /* ---- KOLT-LINK-BEGIN (serial link, frames, result mapping) ---- */
+/*
+ * Room of the reply buffers of the frame calls (KOLT_writeBufAndReadFromT41,
+ * KOLT_writeBufAndRead, KOLT_writeBufAndReadFrom100s) and of the identity-card
+ * read: a reply is only as long as the device sends, and one whose length
+ * field claims more than this is refused (-1) before anything is stored.
+ * Buffers handed to these calls must hold KOLT_T41_REPLY_MAX bytes.
+ */
+#define KOLT_T41_REPLY_MAX 4096
+/* Room of every escape-sequence and pass-through command buffer (openOut, closeOut, out of KOLT_getBPCommand). */
+#define KOLT_SEQ_MAX 255
+
+KOLT_API int32_t KOLT_DoTermType(int32_t termType);                                 /* public terminal type to internal: 1,4,5 -> 1; 2 -> 3; 3 -> 4; else 0 (local port) */
+KOLT_API int32_t IC_initCom(int32_t termType, int32_t port);                        /* opens the link for a public terminal type; 0, or -21 */
+KOLT_API int32_t IC_CloseCom(int32_t termType, int32_t port);                       /* closes the link opened by IC_initCom; 0 */
+KOLT_API int32_t KOLT_initCom(int32_t type, const char *ttyName, int32_t port, const char *transfer); /* opens local port (type 0) or terminal aux port; 0, -2 open failed, -1 line setting failed */
+KOLT_API int32_t KOLT_freeCom(int32_t type, int32_t port, const char *transfer);    /* closes the link; 0 */
+KOLT_API int32_t KOLT_openComOrAux(const char *ttyName, const char *typeText, const char *portText, const char *transferType, const char *transferData); /* 0, -1 open failed, -2 sequence lookup or line setting failed */
+KOLT_API int32_t KOLT_closeComOrAux(const char *typeText, const char *portText);    /* closes aux port (unlocks keyboard) or local port; 0 */
+KOLT_API int32_t KOLT_closeAux(const char *typeText, const char *portText);         /* writes the aux close sequence and restores the line (local: closes); 0 */
+KOLT_API int32_t KOLT_connectDevice(const char *ttyName, const char *typeText, const char *portText, const char *transferTypeText, const char *transferPort); /* opens and greets the device (bracket frame 0x41); 0 or -1 */
+KOLT_API int32_t KOLT_disconnectDevice(const char *typeText, const char *portText); /* says goodbye (bracket frame 0x42) and closes; 0 or -1 */
+KOLT_API int32_t KOLT_getAuxCmdOnTermtypeAuxno(const char *typeText, const char *portText, char *openOut, char *closeOut); /* aux open/close sequences into KOLT_SEQ_MAX-byte buffers; 0, -1, -2 */
+KOLT_API int32_t KOLT_getBPCommand(const char *typeText, const char *transferPort, char *out); /* pass-through command bytes into a KOLT_SEQ_MAX-byte buffer; 0, -1 (-2 file types) */
+KOLT_API int32_t KOLT_openCom(int32_t port, int32_t baud);                          /* opens "/dev/"+gPortName raw: descriptor, -1 open failed, 0 port/baud not accepted */
+KOLT_API int32_t KOLT_setTerm(void);                                                /* raw mode on the terminal line, settings saved; the descriptor or -1 */
+KOLT_API int32_t KOLT_resetTerm(void);                                              /* restores the saved terminal settings; 0 or -1 */
+KOLT_API int32_t KOLT_SendData(int32_t fd, const uint8_t *buf, int32_t len);        /* one plain write; its count */
+KOLT_API int32_t KOLT_ReceiveData(int32_t fd, uint8_t *buf, int32_t len);           /* one read of what is there (0 when nothing); its count */
+KOLT_API int32_t select_fd(int32_t fd, int32_t mode, double seconds);               /* waits readable (mode 1) / writable (mode 2) for whole seconds; ready count, 0, -1 */
+KOLT_API int32_t KOLT_writeBuf(int32_t fd, const uint8_t *buf, int32_t len, int32_t timeoutSec); /* writes len bytes within the time-out; the count written */
+KOLT_API int32_t KOLT_rcvBuf(int32_t fd, uint8_t *buf, int32_t len, int32_t timeoutSec); /* reads up to len bytes within the time-out; the count read */
+KOLT_API int32_t KOLT_rcvBuf100s(int32_t fd, uint8_t *buf, int32_t len, int32_t timeoutSec); /* as KOLT_rcvBuf; a byte above 0x3F ends it (its position + 1) */
+KOLT_API int32_t KOLT_rcvBufFromHeadByte(int32_t fd, uint8_t *buf, int32_t len, uint8_t head, int32_t timeoutSec); /* skips to head, then reads len bytes in all; -1 no head */
+KOLT_API int32_t KOLT_rcvBufFrom2DisHeadByte(int32_t fd, uint8_t *buf, int32_t len, uint8_t headA, uint8_t headB, int32_t timeoutSec); /* as above with two heads */
+KOLT_API int32_t KOLT_clearComBuf(int32_t fd);                                      /* discards pending input; 0, or -1 after 5 s of continuous data */
+KOLT_API int32_t KOLT_writeBufAndReadFromT41(uint8_t cmdClass, uint8_t cmdCode, const uint8_t *data, int32_t dataLen, uint8_t *out, int32_t timeoutSec); /* main frame; decoded reply length, -1 none/too long, -2 check byte, -3 bad argument */
+KOLT_API int32_t KOLT_T41_Ret_Code(uint8_t s1, uint8_t s2);                         /* device status pair to result code */
+KOLT_API int32_t KOLT_Equal_2bytes(const uint8_t *p, uint8_t a, uint8_t b);         /* 0 when p[0] == a and p[1] == b, else -1 */
+KOLT_API int32_t KOLT_writeBufAndRead(int32_t fd, uint8_t cmd, const uint8_t *data, int32_t dataLen, uint8_t *out, int32_t timeoutSec); /* bracket frame; decoded data length, -1, -2 */
+KOLT_API int32_t KOLT_sendCmd100s(uint8_t cmd);                                     /* sends an 0x86 frame; the count of characters written */
+KOLT_API int32_t KOLT_writeBufAndReadFrom100s(uint8_t cmd, int32_t unused1, int32_t unused2, uint8_t *out, int32_t timeoutSec); /* 0x86 frame; decoded length, -1, -2 */
+KOLT_API int32_t KOLT_getDeviceType(void);                                          /* 1 the 0x86 family answers, 0 the bracket family, -1 none */
+KOLT_API int32_t KOLT_T41_Unbase64(uint8_t *reply);                                 /* decodes a special reply's base64 body in place; n + 5 */
 /* ---- KOLT-LINK-END ---- */
 
 /* ---- KOLT-DEVICE-BEGIN (peripheral and identity-module commands) ---- */
+/* Room of the version buffer of KOLT_T41_GetVersion: a longer version is refused (-1). */
+#define KOLT_VERSION_MAX 256
+/* Room of the serial-number text of KOLT_T41_GetSAIMIDStr (the longest text is 44 characters and a terminator). */
+#define KOLT_SAIMID_TEXT_MAX 48
+
+KOLT_API int32_t KOLT_T41_SigleOperate(uint8_t cmdClass, uint8_t cmdCode);          /* one command without data; 0, -2 status not 00 00, -1 no reply */
+KOLT_API int32_t KOLT_T41_OpenRF(void);                                             /* switches the contactless field on; 0, -2, -1 */
+KOLT_API int32_t KOLT_T41_CloseRF(void);                                            /* switches the contactless field off; 0, -2, -1 */
+KOLT_API int32_t KOLT_T41_Buzz(void);                                               /* sounds the buzzer; 0, or -1 when no reply */
+KOLT_API int32_t KOLT_T41_LedOperate(uint32_t led, uint32_t color, uint32_t mode);  /* LED_IC..LED_FP, LED_Color_*, LED_Lightout/Light/Flicker; 0 or -1 */
+KOLT_API int32_t KOLT_T41_IDLedFlicker(void);                                       /* contactless LED green, blinking; 0 or -1 */
+KOLT_API int32_t KOLT_T41_IDLedLight(void);                                         /* contactless LED green, on; 0 or -1 */
+KOLT_API int32_t KOLT_T41_IDLedLightOut(void);                                      /* contactless LED off; 0 or -1 */
+KOLT_API int32_t KOLT_T41_Id_FindCard(void);                                        /* identity module: find card; 0, -2, -1 */
+KOLT_API int32_t KOLT_T41_Id_SelectCard(void);                                      /* identity module: select card; 0, -2, -1 */
+KOLT_API int32_t KOLT_T41_Id_ReadCard(uint8_t *reply);                              /* identity card read, whole frame into a KOLT_T41_REPLY_MAX buffer; frame length, -2, -1 */
+KOLT_API int32_t KOLT_T41_ReadIDCard(uint8_t *reply, uint32_t timeout);             /* as KOLT_T41_Id_ReadCard with the caller's time-out */
+KOLT_API int32_t KOLT_T41_GetVersion(uint8_t selector, uint8_t *out, uint32_t timeout); /* version bytes into a KOLT_VERSION_MAX buffer (no terminator); their count, -2, -1 */
+KOLT_API int32_t KOLT_T41_GetSAIMIDStr(char *out, uint32_t timeout);                /* identity module serial number text into KOLT_SAIMID_TEXT_MAX bytes; frame length, -2, -1 */
 /* ---- KOLT-DEVICE-END ---- */
 
 /* ---- KOLT-ICC-BEGIN (IC card command set) ---- */
+/* Card commands (uint32_t results) return the card's status word
+ * SW1*256+SW2 (APDU_OK = 0x9000) or, when the reader failed, a device result
+ * code as an unsigned value (Revdata_Error, Lenth_Error, ICC_...). Card
+ * reply buffers (out) hold 256 bytes: the response data, SW1 SW2 and a zero. */
+KOLT_API int32_t KOLT_T41_ICC_Getstate(uint32_t slot);                              /* reader state query (slot not used); the raw transport result */
+KOLT_API int32_t KOLT_T41_ICC_Poweron(uint32_t slot, uint32_t timeout, int32_t *outSlot); /* slot 0x00/0x01/0xFF, 0x02 = contact then contactless; *outSlot = slot used; OK, Para_Error, Revdata_Error, ICC_... */
+KOLT_API int32_t KOLT_T41_ICC_Poweroff(uint32_t slot);                              /* power-off of slot (0xFF contactless); OK, Revdata_Error, ICC_... */
+KOLT_API int32_t KOLT_T41_APDUHexstr(uint32_t slot, const char *hexText, uint8_t *out, int32_t *outLen, uint32_t timeout); /* APDU as hex text (blanks ignored); out = response bytes and SW; device result */
+KOLT_API int32_t KOLT_T41_APDUBuf(uint32_t slot, const uint8_t *apdu, int32_t apduLen, uint8_t *out, int32_t *outLen, uint32_t timeout); /* APDU bytes; out = response bytes and SW; device result */
+KOLT_API uint32_t KOLT_T41_ICC_APDULcData(uint32_t slot, const uint8_t *header4, const uint8_t *data, int32_t lc, uint8_t *out, int32_t *outLen, uint32_t timeout); /* CLA INS P1 P2, Lc, data; status word; Lenth_Error for lc < 0 or lc > 255 */
+KOLT_API uint32_t KOLT_T41_ICC_Comm_Read_Record(uint32_t slot, int32_t record, int32_t sfi, uint8_t *out, int32_t *outLen, uint32_t timeout); /* READ RECORD 00 B2 record sfi*8+4 00; status word */
+KOLT_API uint32_t KOLT_T41_ICC_Select_Aid(uint32_t slot, const uint8_t *aid, int32_t aidLen, uint8_t *out, int32_t *outLen, uint32_t timeout); /* SELECT by name 00 A4 04 00 Lc aid; status word */
+KOLT_API uint32_t KOLT_T41_ICC_SetGPO(uint32_t slot, const uint8_t *pdolData, int32_t len, uint8_t *out, int32_t *outLen, uint32_t timeout); /* GET PROCESSING OPTIONS 80 A8 00 00 len+2 83 len data; status word */
+KOLT_API uint32_t KOLT_T41_ICC_Generate_Ac(uint32_t slot, uint8_t p1, const uint8_t *cdolData, int32_t len, uint8_t *out, int32_t *outLen, uint32_t timeout); /* GENERATE AC 80 AE p1 00 Lc data; status word */
+KOLT_API uint32_t KOLT_T41_External_Authenticate(uint32_t slot, const uint8_t *data, int32_t len, uint8_t *out, int32_t *outLen, uint32_t timeout); /* EXTERNAL AUTHENTICATE 00 82 00 00 Lc data; status word */
+KOLT_API uint32_t KOLT_T41_Put_Data(uint32_t slot, const uint8_t *tag2, const uint8_t *data, int32_t len, uint8_t *out, int32_t *outLen, uint32_t timeout); /* PUT DATA 04 DA tag Lc data (secure messaging class); status word */
+KOLT_API uint32_t KOLT_T41_Exec_Script(uint32_t slot, const uint8_t *command, int32_t len, uint8_t *out, int32_t *outLen, uint32_t timeout); /* one script command as it stands; status word, (uint32_t)-1 for len < 4 */
+KOLT_API uint32_t KOLT_T41_Exec_MutiScript(uint32_t slot, const uint8_t *script, int32_t len, int32_t *executed, uint32_t timeout); /* every 86 command of a script; 0x9000 or the failing status word; *executed = commands done */
+KOLT_API uint32_t KOLT_T41_ICC_GetData(uint32_t slot, const uint8_t *tag2, uint8_t *out, uint32_t timeout); /* GET DATA 80 CA tag 00; out[0] = length, value from out[1] (9F13/9F77/9F78/9F79 as hex digits); status word */
+KOLT_API int32_t KOLT_PSAM_Operate(int32_t termType, const char *ttyName, int32_t port, const char *transfer, int32_t unused, uint32_t slot); /* opens the link, powers slot on and off, closes; -1 link or power-on failed, else the power-off result */
 /* ---- KOLT-ICC-END ---- */
 
 /* ---- KOLT-EMV-BEGIN (EMV tag tables, DOL, application selection) ---- */
+KOLT_API int32_t KOLT_T41_GetApduTagListIndex(const uint8_t *tag, int32_t len);     /* letter position (0..29) of a 1-byte tag (len 1) or 2-byte tag (any other len); -1 unknown */
+KOLT_API int32_t KOLT_T41_GetApduTagListIndexFromInt(uint64_t tag);                 /* letter position of a tag given as an integer (9F36 = 0x9F36); -1 unknown */
+KOLT_API int32_t KOLT_T41_GetTagListIndex(char letter);                             /* position of a letter of "ABCDEFGHIJKLMNOPQRSTUVWXYZ1234"; -1 unknown */
+KOLT_API int32_t initTagListValue(void);                                            /* country (9F1A) and currency (5F2A) default to "0156" when empty; returns 0 */
+KOLT_API int32_t KOLT_IsAllFindTagList(const char *letters);                        /* 0 when every letter has been found in a card reply, else -1 */
+KOLT_API int32_t KOLT_T41_ParseTagValue(const uint8_t *reply, int32_t len, int32_t strict); /* stores every table tag of a reply (any depth) into its letter; returns 0 */
+KOLT_API int32_t KOLT_T41_GetTagValue(const uint8_t *reply, int32_t len, const char *tag, uint8_t *out, int32_t *outLen, int32_t strict); /* value of tag (any depth) into out (256 bytes); set *outLen = -1 first; -1 already set, -2 undecodable, top-level length or 0 */
+KOLT_API int32_t KOLT_T41_ICC_PareseSecondTrackData(void);                          /* track 2 (E) split into account number (A) and YYMM (I); -1 when none is held */
+KOLT_API int32_t KOLT_GetApduDataFromCDOL(const uint8_t *dol, int32_t dolLen, const uint8_t *random, uint8_t *out, int32_t *outLen); /* DOL data into out (256 bytes), random = 4 bytes; 0, -1 empty DOL or data too long */
+KOLT_API int32_t KOLT_T41_ParseOneRecord(const uint8_t *record, char *out);         /* 45-byte log record to lettered text P..X (106 characters and a terminator); returns its length */
+KOLT_API int32_t KOLT_SetTLV(const uint8_t *tag, int32_t len, const uint8_t *value, uint8_t *out); /* tag, one length byte, value; returns bytes written, -1 for len outside 0..255 */
+/* Application initiation: aidList = count byte, then per candidate a length byte and the AID (may be NULL);
+ * aipAfl (256 bytes) receives AIP and AFL, logEntry (256 bytes) the 9F4D value (length -1 when none).
+ * Results: 0; -1 power-on failed; -2 PSE SELECT device failure; -3 no SFI (88); -4 SELECT refused;
+ * -5 contactless PDOL without 9F66; -6 GPO reply not in format 80; -7 application locked (went on);
+ * -12 no answer at power-on; ICC_Contact_Not_Insert. */
+KOLT_API int32_t KOLT_T41_InitICCardApp(uint32_t timeout, uint32_t slot, const uint8_t *aidList, uint8_t *aipAfl, int32_t *aflCount, uint8_t *logEntry, int32_t *logEntryLen); /* power-on, select, GPO; codes above */
+KOLT_API int32_t KOLT_T41_InitICCardApp_PSBC(uint32_t timeout, uint32_t slot, const char *aidText, uint8_t *aipAfl, int32_t *aflCount, uint8_t *logEntry, int32_t *logEntryLen); /* as KOLT_T41_InitICCardApp with one candidate as hex text (NULL or "" for none) */
+KOLT_API int32_t KOLT_T41_ICC_GetCardAppState(uint32_t slot);                       /* powered card: status word of the directory application's SELECT (0x9000, 0x6283 locked); -2, -3 */
 /* ---- KOLT-EMV-END ---- */
 
 /* ---- KOLT-CARDINFO-BEGIN (card information and transaction log) ---- */
+/*
+ * Tag letters name data elements ("ABCDEFGHIJKLMNOPQRSTUVWXYZ1234"). A
+ * request is read up to KOLT_TAG_LETTERS_MAX letters, and a STAR_ input text
+ * up to KOLT_STAR_INPUT_MAX characters, each of its fields up to
+ * KOLT_TAG_LETTERS_MAX. Card-information outputs need 4 bytes per requested
+ * letter plus the value (at most 255 bytes each) and a terminator; failures
+ * write a short GBK text (at most 22 bytes and a terminator) instead.
+ * Application data blocks (IC_GetInfo_YS) need KOLT_APPDATA_MAX bytes;
+ * transaction-log outputs KOLT_TXLOG_MAX bytes (records that would not fit
+ * are not read).
+ */
+#define KOLT_TAG_LETTERS_MAX 255
+#define KOLT_STAR_INPUT_MAX 1023
+#define KOLT_APPDATA_MAX 1542
+#define KOLT_TXLOG_MAX 2048
+
+KOLT_API int32_t KOLT_DoICType(int32_t icType, int32_t *flag);                      /* IC type to slot: 0/20 contact 0, 1/21 contactless 255, 2/22 auto 2, else 0; *flag = -1 for the six codes */
+KOLT_API int32_t GetSysDate(char *out);                                             /* local time "%Y%m%d%H%M%S" (15 bytes with terminator); returns 0 */
+KOLT_API int32_t KOLT_ICRT_GetICCInfo(int32_t termType, int32_t port, int32_t icType, const char *aidList, const char *tagList, char *out); /* letter + "%03d" + value per letter; 0, 10 locked, -21 port, -11 power-on, -22 read, init code - 10 */
+KOLT_API int32_t ICRT_GetICCInfo(int32_t termType, int32_t port, int32_t icType, const char *aidList, const char *tagList, char *out); /* as KOLT_ICRT_GetICCInfo */
+KOLT_API int32_t STAR_GetInfo(const char *dataIn, char *out);                       /* "a|port|b|letters": contactless card info via terminal type 1; always 0 (failure shows in out) */
+KOLT_API int32_t IC_GetInfo_YS(int32_t icType, const char *tagList, const char *aidList, char *out, int32_t *cardKind, char *appData); /* YS letters A..L on an open link; 0, -1, -2, -9, -10; kind 1/2; appData block */
+KOLT_API int32_t IC_GetInfo(const char *portName, int32_t reserved1, int32_t reserved2, int32_t reserved3, int32_t *icType, const char *aidList, const char *tagList, int32_t *outLen, char *out); /* icType from 1 in, card kind out; 0, -3 port, -99 */
+KOLT_API int32_t KOLT_ICRT_GetTrDetail(int32_t termType, int32_t port, int32_t icType, const char *aidList, char *out); /* "%03d" record length + records; record count, -21, -11, -23, -10 no log entry, read - 22 */
+KOLT_API int32_t ICRT_GetTxDetail(int32_t termType, int32_t port, int32_t icType, const char *aidList, char *out); /* as KOLT_ICRT_GetTrDetail */
+KOLT_API int32_t ICRT_GetTrDetail(int32_t termType, int32_t port, int32_t icType, int32_t index, const char *aidList, char *out); /* index 0 all records (no header, no terminator: zero out first), k one record; 0, -105, -102, -120 */
+KOLT_API int32_t STAR_GetTxDetail(const char *dataIn, char *out);                   /* "a|port|b|txdata": contactless log via terminal type 1; always 0 */
+KOLT_API int32_t IC_GetTranDeta(const char *portName, int32_t reserved1, int32_t reserved2, int32_t reserved3, int32_t *icType, const char *aidList, int32_t *outLen, char *out); /* all log records (zero out first); 0, -3, -25, -11, -99 */
+KOLT_API int32_t IC_GetTxDetail(int32_t icType, const char *aidList, char *out, int32_t *cardKind); /* on an open link: count byte, length byte, records; 0, 10 read failed, -1, -2, -9, -10 */
 /* ---- KOLT-CARDINFO-END ---- */
 
 #ifdef __cplusplus

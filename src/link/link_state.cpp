@@ -1,6 +1,54 @@
 // Process-wide link state.
-#include "kolt/kolt.h"
+#include "link/link_state.hpp"
+
+#include <unistd.h>
+
+#include <algorithm>
 
 extern "C" {
 KOLT_API char gPortName[32] = {0};
 }
+
+namespace kolt::link {
+
+LinkState& state() {
+    static LinkState s;
+    return s;
+}
+
+void set_seq(char (&buf)[kSeqSize], std::string_view text) {
+    const std::size_t n = std::min(text.size(), kSeqSize - 1);
+    std::memcpy(buf, text.data(), n);
+    std::memset(buf + n, 0, kSeqSize - n);
+}
+
+void clear_sequences() {
+    LinkState& s = state();
+    std::memset(s.open_aux_cmd, 0, kSeqSize);
+    std::memset(s.close_aux_cmd, 0, kSeqSize);
+    std::memset(s.key_lock_cmd, 0, kSeqSize);
+    std::memset(s.key_unlock_cmd, 0, kSeqSize);
+    std::memset(s.aux_lead, 0, kSeqSize);
+    std::memset(s.aux_end, 0, kSeqSize);
+}
+
+std::string_view port_name() {
+    return std::string_view(gPortName, strnlen(gPortName, sizeof gPortName - 1));
+}
+
+void close_fd() {
+    LinkState& s = state();
+    if (s.fd >= 0) ::close(s.fd);
+    if (s.owned_tty == s.fd) s.owned_tty = -1;
+}
+
+void adopt_fd(int fd, bool owned_tty) {
+    LinkState& s = state();
+    if (s.owned_tty >= 0 && s.owned_tty != fd) {
+        ::close(s.owned_tty);
+    }
+    s.owned_tty = owned_tty ? fd : -1;
+    s.fd = fd;
+}
+
+}  // namespace kolt::link

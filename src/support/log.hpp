@@ -38,4 +38,33 @@ inline void error_hex(const char* format, std::span<const uint8_t> bytes) {
     error(format, bytes.data(), static_cast<int>(bytes.size()));
 }
 
+// Appends one timestamped entry to path (the body of KOLT_writeLog): opens
+// for appending, moves a file above 0xA00000 bytes to path + ".bak" first,
+// and writes the line for the format's one conversion.
+void write_entry(const char* path, const char* format, const void* data, int len);
+
+// "koltIccheck" + local year and month + ".log" below dir, joined with "/".
+// With an empty dir this is "/koltIccheck<YYYYMM>.log" (the debug log before
+// a debug directory is set lands in the root).
+std::string file_in(const std::string& dir);
+
+// Directory of the running executable with its trailing "/", from the link
+// (normally "/proc/self/exe"). A failed readlink, or a target of 256 bytes or
+// more, prints "***Error***" and ends the process with status -1.
+std::string exe_dir(const char* link = "/proc/self/exe");
+
+// Directory of the error log: exe_dir() + "/" + "KTLog".
+std::string error_dir();
+
+// Quotes text for the POSIX shell when it holds anything but letters,
+// digits and "/._+-": single quotes around it, a quote inside as '\''.
+std::string shell_quote(const std::string& text);
+
+// The clean-up command for a log directory: find <dir>/* -exec rm -rf {} \;
+// with <dir> quoted by shell_quote (the "/*" stays outside the quotes).
+std::string delete_command(const std::string& dir);
+
+// Local time as "YYYY-MM-DD HH:MM:SS mmm".
+std::string timestamp();
+
 }  // namespace kolt::log

@@ -1,0 +1,233 @@
+// KL560T41 device simulator.
+//
+// A Simulator opens a pseudo-terminal pair and plays the KOLT KL560T41
+// peripheral on its master side. Programs under test open the slave side
+// (port_name() is the text to put into gPortName, e.g. "pts/4") and talk to
+// it exactly as to the real reader on a serial line. Optionally it also plays
+// the teller terminal in front of the reader (auxiliary-port mode).
+//
+// The server runs in its own thread between start() and stop(); every
+// accessor may be called from any thread at any time.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "kolt_sim/card.hpp"
+
+namespace kolt::sim {
+
+// How a command reached the simulator.
+enum class Framing {
+    Main,      // 0x02 ... 0x03, nibble characters
+    Bracket,   // "(" len cmd base64 check ")"
+    Legacy86,  // 0x86 family, nibble characters
+    Probe,     // the 20-character device-family probe
+    Raw,       // bytes outside any frame that matched a raw rule
+};
+
+const char* framing_name(Framing f);
+
+// One decoded command.
+//   Main:     cls/code as sent, data = the data field.
+//   Bracket:  cls = 0, code = the command byte, data = the decoded body.
+//   Legacy86: cls = 0x86, code = the command byte, data = empty.
+//   Probe:    cls = 0, code = 0, data = empty.
+//   Raw:      cls = 0, code = 0, data = the trigger bytes of the rule.
+struct Command {
+    Framing framing = Framing::Main;
+    uint8_t cls = 0;
+    uint8_t code = 0;
+    std::vector<uint8_t> data;
+};
+
+// A deliberate misbehaviour applied to one reply.
+struct Fault {
+    enum Kind {
+        NoReply,        // the command is swallowed
+        BadCheck,       // the check field of the reply is wrong
+        Truncate,       // only the first half of the reply is sent
+        GarbageBefore,  // a few stray bytes precede the reply
+        LengthTooLong,  // the length field claims 4 more bytes than follow
+        Delay,          // the reply is sent after delay_ms
+        CloseMidFrame,  // half the reply goes out, then the line is dead for
+                        // delay_ms (default 1000): whatever the host sends in
+                        // that time is dropped, as if the cable was pulled
+    };
+    Kind kind = NoReply;
+    int delay_ms = 0;
+};
+
+// Reply to a main-frame command: the status pair and the data.
+struct Reply {
+    uint8_t s1 = 0;
+    uint8_t s2 = 0;
+    std::vector<uint8_t> data;
+};
+
+struct LedState {
+    uint8_t color = 0;  // 0 green, 1 red, 2 yellow
+    uint8_t mode = 0;   // 0 off, 1 on, 2 flashing
+};
+
+// Static description of the simulated unit. Built in (default_profile())
+// or read from a JSON file (see sim/README.md and sim/profiles/).
+struct DeviceProfile {
+    std::string name = "KL560T41";
+    // Which family answers the device probe and which of the two older
+    // framings the unit speaks: "bracket" (greeting/disconnect) or "legacy86".
+    std::string family = "bracket";
+    // Decoded data of the greeting reply (command 0x41); 11 bytes from 0x90.
+    std::vector<uint8_t> greeting;
+    // Decoded data of the disconnect reply (command 0x42); 1 byte.
+    std::vector<uint8_t> disconnect;
+    // Payload bytes of a 0x86-family reply (between the length and the sum).
+    std::vector<uint8_t> legacy86_reply;
+    // Version bytes by selector (command 0x31 0x11).
+    std::map<uint8_t, std::vector<uint8_t>> versions;
+    // Identity-module serial number (command 0x35 0x87), 16 bytes.
+    std::vector<uint8_t> module_serial;
+    // Identity-module answer to a read (0x35 0x82) after the device status
+    // pair: text length, photo length (both big-endian), text, photo.
+    // Empty when no identity card lies on the reader.
+    std::vector<uint8_t> id_answer;
+    // Status pair of find/select/read when no identity card is present.
+    uint8_t id_no_card_s1 = 0x00;
+    uint8_t id_no_card_s2 = 0x80;
+    // Answer to any command the unit does not know; nullopt = no answer.
+    std::optional<Reply> unknown_reply = Reply{0x00, 0x01, {}};
+    // Fixed status pairs for individual main-frame commands, key cls << 8 | code.
+    std::map<uint16_t, std::pair<uint8_t, uint8_t>> status_overrides;
+};
+
+// The built-in profile (the same as sim/profiles/default.json).
+DeviceProfile default_profile();
+// Reads a profile; keys that are absent keep the built-in values.
+// Throws std::runtime_error naming the problem on a bad file.
+DeviceProfile load_device_profile(const std::string& path);
+DeviceProfile parse_device_profile(const std::string& json_text);
+
+// Builds the identity-module answer (after the device status pair) from a
+// 256-byte text block and a photo block: 2-byte text length, 2-byte photo
+// length (big-endian), text, photo.
+std::vector<uint8_t> make_id_answer(std::span<const uint8_t> text, std::span<const uint8_t> photo);
+
+// The teller terminal in front of the reader.
+struct TerminalConfig {
+    // 0: none, the pseudo-terminal is a plain serial line. 1..5: the
+    // built-in escape sequences of that terminal type. >= 50: the
+    // [TERM_<type>_KOLT510QX] section of the terminal command file.
+    int type = 0;
+    int port = 1;  // auxiliary port 1..4
+    // Terminal command file for types >= 50; empty: $DCCHOME/lxbs/font/idcread.ext
+    // or /dcc/lxbs/font/idcread.ext.
+    std::string ext_file;
+};
+
+// The escape sequences a terminal configuration uses (empty = none).
+struct TerminalSequences {
+    std::string open, close, lock, unlock, lead, end;
+    std::vector<std::string> transfer;  // pass-through port commands
+};
+// Sequences of a built-in type 1..5 (type 5 port 4 has an empty close).
+// Throws std::invalid_argument for other types or ports.
+TerminalSequences builtin_terminal(int type, int port);
+// Sequences of a type >= 50 read from a terminal command file.
+// Throws std::runtime_error when the file or the section is missing.
+TerminalSequences ext_file_terminal(const std::string& path, int type, int port);
+
+struct Options {
+    DeviceProfile profile = default_profile();
+    TerminalConfig terminal;
+    bool pace = false;     // send replies at 9600 baud 8N1 (about 1.04 ms a byte)
+    bool verbose = false;  // log decoded commands and faults to stderr
+};
+
+class Simulator {
+public:
+    explicit Simulator(Options options = {});
+    ~Simulator();  // stops
+    Simulator(const Simulator&) = delete;
+    Simulator& operator=(const Simulator&) = delete;
+
+    // Opens the pseudo-terminal (once) and starts serving. Throws
+    // std::runtime_error on failure. stop() ends the server thread; the
+    // pseudo-terminal stays until destruction, so start() may follow again.
+    void start();
+    void stop();
+    bool running() const;
+
+    std::string slave_path() const;  // e.g. "/dev/pts/4"
+    std::string port_name() const;   // slave path without "/dev/", e.g. "pts/4"
+
+    // --- what the host sent -------------------------------------------
+    std::vector<Command> transcript() const;
+    void clear_transcript();
+    // Waits until the transcript holds at least n commands.
+    bool wait_for_commands(size_t n, int timeout_ms) const;
+    std::vector<uint8_t> raw_received() const;  // every byte from the host
+    std::vector<uint8_t> raw_sent() const;      // every byte to the host
+    void clear_raw();
+    // Frames that arrived damaged (bad check, wrong terminator, ...), as text.
+    std::vector<std::string> frame_errors() const;
+
+    // --- device state ---------------------------------------------------
+    std::map<uint8_t, LedState> leds() const;  // by LED number 1..4
+    int buzzer_count() const;
+    bool rf_on() const;
+
+    // --- cards ----------------------------------------------------------
+    // nullptr removes the card. A card is unpowered when inserted.
+    void set_contact_card(std::shared_ptr<Card> card);
+    void set_contactless_card(std::shared_ptr<Card> card);
+    // Identity-module answer (see DeviceProfile::id_answer); nullopt or an
+    // empty vector takes the identity card away.
+    void set_id_answer(std::optional<std::vector<uint8_t>> answer);
+
+    // --- scripting and faults ------------------------------------------
+    // Fault for the next `count` replies (count < 0: until clear_faults()).
+    void inject(Fault fault, int count = 1);
+    // Fault for the next `count` replies to one command (bracket: cls 0 and
+    // the command byte; 0x86 family: cls 0x86; probe: 0, 0).
+    void inject_for(uint8_t cls, uint8_t code, Fault fault, int count = 1);
+    void clear_faults();
+    // Overrides the status pair of one main-frame command (data kept).
+    void set_status(uint8_t cls, uint8_t code, uint8_t s1, uint8_t s2);
+    void clear_status(uint8_t cls, uint8_t code);
+    // Fixed reply for one main-frame command, replacing the built-in one.
+    void set_reply(uint8_t cls, uint8_t code, Reply reply);
+    // Computed reply for one main-frame command; return nullopt for silence.
+    // The handler runs on the server thread with the simulator's lock held:
+    // it must not call back into the Simulator.
+    using Handler = std::function<std::optional<Reply>(const Command&)>;
+    void set_handler(uint8_t cls, uint8_t code, Handler handler);
+    void clear_reply(uint8_t cls, uint8_t code);
+    // Bytes outside any frame: when `trigger` has arrived, `reply` is sent
+    // as is (for the raw stripe-reader and fingerprint protocols).
+    void add_raw_rule(std::vector<uint8_t> trigger, std::vector<uint8_t> reply);
+    void clear_raw_rules();
+    // Sends bytes to the host as they are (terminal-mode unwrapped).
+    void write_raw(std::span<const uint8_t> bytes);
+
+    // --- terminal mode --------------------------------------------------
+    // Every sequence the terminal did not expect, in order, as readable text.
+    std::vector<std::string> terminal_errors() const;
+    // The recognised terminal events in order: "lock", "open", "lead",
+    // "end", "transfer", "close", "unlock".
+    std::vector<std::string> terminal_events() const;
+    bool aux_open() const;
+    bool keyboard_locked() const;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace kolt::sim

@@ -1,0 +1,340 @@
+// Device profiles: the built-in unit and JSON files.
+#include <cjson/cJSON.h>
+
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <set>
+#include <sstream>
+
+#include "kolt_sim/simulator.hpp"
+#include "util_internal.hpp"
+
+namespace kolt::sim {
+
+namespace {
+
+std::vector<uint8_t> text_bytes(std::string_view s) { return {s.begin(), s.end()}; }
+
+void put_le(std::vector<uint8_t>& out, uint32_t v, int n) {
+    for (int i = 0; i < n; ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+}
+
+std::vector<uint8_t> serial_from_fields(uint32_t a, uint32_t b, uint32_t c, uint32_t d, uint32_t e) {
+    std::vector<uint8_t> s;
+    put_le(s, a, 2);
+    put_le(s, b, 2);
+    put_le(s, c, 4);
+    put_le(s, d, 4);
+    put_le(s, e, 4);
+    return s;
+}
+
+// UTF-8 text to UCS-2 little-endian (characters outside the BMP become "?").
+std::vector<uint8_t> ucs2le(std::string_view utf8) {
+    std::vector<uint8_t> out;
+    size_t i = 0;
+    while (i < utf8.size()) {
+        const auto c = static_cast<uint8_t>(utf8[i]);
+        uint32_t cp = '?';
+        size_t n = 1;
+        if (c < 0x80) {
+            cp = c;
+        } else if ((c & 0xE0) == 0xC0) {
+            n = 2;
+        } else if ((c & 0xF0) == 0xE0) {
+            n = 3;
+        } else if ((c & 0xF8) == 0xF0) {
+            n = 4;
+        }
+        if (n > 1) {
+            if (i + n > utf8.size()) throw std::runtime_error("bad UTF-8 text");
+            cp = c & (0x7F >> n);
+            for (size_t k = 1; k < n; ++k) {
+                const auto cc = static_cast<uint8_t>(utf8[i + k]);
+                if ((cc & 0xC0) != 0x80) throw std::runtime_error("bad UTF-8 text");
+                cp = (cp << 6) | (cc & 0x3F);
+            }
+            if (cp > 0xFFFF) cp = '?';
+        }
+        out.push_back(static_cast<uint8_t>(cp & 0xFF));
+        out.push_back(static_cast<uint8_t>(cp >> 8));
+        i += n;
+    }
+    return out;
+}
+
+// Writes a UCS-2LE field, blank-padded, into the 256-byte text block.
+void put_field(std::vector<uint8_t>& text, size_t offset, size_t size, std::string_view utf8) {
+    if (offset + size > text.size()) throw std::runtime_error("identity card field outside the text block");
+    const auto enc = ucs2le(utf8);
+    if (enc.size() > size) throw std::runtime_error("identity card field too long: " + std::string(utf8));
+    for (size_t i = 0; i < size; i += 2) {
+        text[offset + i] = 0x20;
+        if (i + 1 < size) text[offset + i + 1] = 0x00;
+    }
+    std::copy(enc.begin(), enc.end(), text.begin() + static_cast<long>(offset));
+}
+
+std::vector<uint8_t> default_photo() {
+    std::vector<uint8_t> p(1024);
+    for (size_t i = 0; i < p.size(); ++i) p[i] = static_cast<uint8_t>((i * 7 + 0x57) & 0xFF);
+    return p;
+}
+
+struct FieldDef {
+    const char* key;
+    size_t offset, size;
+};
+// The resident identity card's text layout.
+constexpr FieldDef kIdFields[] = {
+    {"name", 0, 30},       {"sex", 30, 2},         {"nation", 32, 4},     {"birth", 36, 16},
+    {"address", 52, 70},   {"number", 122, 36},    {"authority", 158, 30}, {"valid_from", 188, 16},
+    {"valid_to", 204, 16},
+};
+
+std::vector<uint8_t> default_id_text() {
+    std::vector<uint8_t> text(256, 0);
+    put_field(text, 0, 256, "");
+    put_field(text, 0, 30, "张三");
+    put_field(text, 30, 2, "1");
+    put_field(text, 32, 4, "01");
+    put_field(text, 36, 16, "19800101");
+    put_field(text, 52, 70, "北京市东城区测试路1号");
+    put_field(text, 122, 36, "110101198001010014");
+    put_field(text, 158, 30, "北京市公安局东城分局");
+    put_field(text, 188, 16, "20200101");
+    put_field(text, 204, 16, "20400101");
+    return text;
+}
+
+// --- JSON helpers -------------------------------------------------------------
+
+using JsonPtr = std::unique_ptr<cJSON, decltype(&cJSON_Delete)>;
+
+[[noreturn]] void fail(const std::string& what) { throw std::runtime_error("device profile: " + what); }
+
+std::string get_string(const cJSON* item, const std::string& key) {
+    if (!cJSON_IsString(item)) fail("\"" + key + "\" must be a string");
+    return item->valuestring;
+}
+
+std::vector<uint8_t> get_hex(const cJSON* item, const std::string& key) {
+    auto v = parse_hex(get_string(item, key));
+    if (!v) fail("\"" + key + "\" is not hexadecimal text");
+    return *v;
+}
+
+long get_int(const cJSON* item, const std::string& key, long lo, long hi) {
+    long v = 0;
+    if (cJSON_IsNumber(item)) {
+        const double d = item->valuedouble;
+        if (d != static_cast<double>(static_cast<long>(d))) fail("\"" + key + "\" must be an integer");
+        v = static_cast<long>(d);
+    } else if (cJSON_IsString(item)) {
+        auto p = parse_number(item->valuestring);
+        if (!p) fail("\"" + key + "\" is not a number");
+        v = *p;
+    } else {
+        fail("\"" + key + "\" must be a number");
+    }
+    if (v < lo || v > hi) fail("\"" + key + "\" out of range");
+    return v;
+}
+
+std::pair<uint8_t, uint8_t> get_status(const cJSON* item, const std::string& key) {
+    auto v = get_hex(item, key);
+    if (v.size() != 2) fail("\"" + key + "\" must be two bytes (four hex digits)");
+    return {v[0], v[1]};
+}
+
+void check_keys(const cJSON* obj, const std::set<std::string>& allowed, const std::string& where) {
+    for (const cJSON* it = obj->child; it != nullptr; it = it->next) {
+        if (allowed.count(it->string) == 0) fail("unknown key \"" + std::string(it->string) + "\" in " + where);
+    }
+}
+
+std::vector<uint8_t> bytes_value(const cJSON* item, const std::string& key) {
+    // A string is taken as text; {"hex": "..."} gives bytes.
+    if (cJSON_IsString(item)) return text_bytes(item->valuestring);
+    if (cJSON_IsObject(item)) {
+        check_keys(item, {"hex", "text"}, key);
+        if (const cJSON* h = cJSON_GetObjectItemCaseSensitive(item, "hex")) return get_hex(h, key + ".hex");
+        if (const cJSON* t = cJSON_GetObjectItemCaseSensitive(item, "text"))
+            return text_bytes(get_string(t, key + ".text"));
+    }
+    fail("\"" + key + "\" must be a text or {\"hex\": ...}");
+}
+
+void read_identity(const cJSON* obj, DeviceProfile& p) {
+    if (cJSON_IsNull(obj)) {
+        p.id_answer.clear();
+        return;
+    }
+    if (!cJSON_IsObject(obj)) fail("\"identity_card\" must be an object or null");
+    check_keys(obj, {"present", "no_card_status", "answer_hex", "text_hex", "photo_hex", "fields", "raw_fields"},
+               "identity_card");
+    if (const cJSON* s = cJSON_GetObjectItemCaseSensitive(obj, "no_card_status")) {
+        std::tie(p.id_no_card_s1, p.id_no_card_s2) = get_status(s, "identity_card.no_card_status");
+    }
+    bool present = true;
+    if (const cJSON* pr = cJSON_GetObjectItemCaseSensitive(obj, "present")) {
+        if (!cJSON_IsBool(pr)) fail("\"identity_card.present\" must be true or false");
+        present = cJSON_IsTrue(pr);
+    }
+    if (const cJSON* a = cJSON_GetObjectItemCaseSensitive(obj, "answer_hex")) {
+        p.id_answer = get_hex(a, "identity_card.answer_hex");
+    } else {
+        std::vector<uint8_t> text = default_id_text();
+        std::vector<uint8_t> photo = default_photo();
+        if (const cJSON* t = cJSON_GetObjectItemCaseSensitive(obj, "text_hex")) {
+            text = get_hex(t, "identity_card.text_hex");
+        }
+        if (const cJSON* f = cJSON_GetObjectItemCaseSensitive(obj, "fields")) {
+            if (!cJSON_IsObject(f)) fail("\"identity_card.fields\" must be an object");
+            if (text.size() < 256) text.resize(256, 0);
+            for (const cJSON* it = f->child; it != nullptr; it = it->next) {
+                const FieldDef* def = nullptr;
+                for (const auto& d : kIdFields)
+                    if (std::strcmp(d.key, it->string) == 0) def = &d;
+                if (def == nullptr) fail("unknown identity card field \"" + std::string(it->string) + "\"");
+                put_field(text, def->offset, def->size, get_string(it, it->string));
+            }
+        }
+        if (const cJSON* rf = cJSON_GetObjectItemCaseSensitive(obj, "raw_fields")) {
+            if (!cJSON_IsArray(rf)) fail("\"identity_card.raw_fields\" must be an array");
+            if (text.size() < 256) text.resize(256, 0);
+            const cJSON* it = nullptr;
+            cJSON_ArrayForEach(it, rf) {
+                if (!cJSON_IsObject(it)) fail("\"identity_card.raw_fields\" entries must be objects");
+                check_keys(it, {"offset", "size", "text"}, "identity_card.raw_fields");
+                const long off = get_int(cJSON_GetObjectItemCaseSensitive(it, "offset"), "offset", 0, 255);
+                const long size = get_int(cJSON_GetObjectItemCaseSensitive(it, "size"), "size", 1, 256);
+                put_field(text, static_cast<size_t>(off), static_cast<size_t>(size),
+                          get_string(cJSON_GetObjectItemCaseSensitive(it, "text"), "text"));
+            }
+        }
+        if (const cJSON* ph = cJSON_GetObjectItemCaseSensitive(obj, "photo_hex")) {
+            photo = get_hex(ph, "identity_card.photo_hex");
+        }
+        p.id_answer = make_id_answer(text, photo);
+    }
+    if (!present) p.id_answer.clear();
+}
+
+}  // namespace
+
+std::vector<uint8_t> make_id_answer(std::span<const uint8_t> text, std::span<const uint8_t> photo) {
+    std::vector<uint8_t> a;
+    a.push_back(static_cast<uint8_t>(text.size() >> 8));
+    a.push_back(static_cast<uint8_t>(text.size() & 0xFF));
+    a.push_back(static_cast<uint8_t>(photo.size() >> 8));
+    a.push_back(static_cast<uint8_t>(photo.size() & 0xFF));
+    a.insert(a.end(), text.begin(), text.end());
+    a.insert(a.end(), photo.begin(), photo.end());
+    return a;
+}
+
+DeviceProfile default_profile() {
+    DeviceProfile p;
+    p.name = "KL560T41";
+    p.family = "bracket";
+    p.greeting = {0x90, 0x00, 'K', 'L', '5', '6', '0', 'T', '4', '1', 0x01};
+    p.disconnect = {0x90};
+    p.legacy86_reply = {0x10, 0x90, 0x00};
+    p.versions[1] = text_bytes("KOLT KL560T41");
+    p.versions[2] = text_bytes("HW-REV-C");
+    p.versions[3] = text_bytes("BOOT-1.02");
+    p.versions[4] = text_bytes("KL560T41-FW-20240115-V1.08");
+    p.module_serial = serial_from_fields(1, 2, 20230915, 1234567, 89012345);
+    p.id_answer = make_id_answer(default_id_text(), default_photo());
+    return p;
+}
+
+DeviceProfile parse_device_profile(const std::string& json_text) {
+    JsonPtr root(cJSON_Parse(json_text.c_str()), &cJSON_Delete);
+    if (!root) fail("not valid JSON");
+    if (!cJSON_IsObject(root.get())) fail("the top level must be an object");
+    const cJSON* r = root.get();
+    check_keys(r,
+               {"name", "family", "greeting", "disconnect", "legacy86_reply", "versions", "module_serial",
+                "identity_card", "unknown_reply", "status_overrides", "comment"},
+               "the profile");
+    DeviceProfile p = default_profile();
+    auto get = [&](const char* key) { return cJSON_GetObjectItemCaseSensitive(r, key); };
+
+    if (const cJSON* v = get("name")) p.name = get_string(v, "name");
+    if (const cJSON* v = get("family")) {
+        p.family = get_string(v, "family");
+        if (p.family != "bracket" && p.family != "legacy86") fail("\"family\" must be \"bracket\" or \"legacy86\"");
+    }
+    if (const cJSON* v = get("greeting")) p.greeting = get_hex(v, "greeting");
+    if (const cJSON* v = get("disconnect")) p.disconnect = get_hex(v, "disconnect");
+    if (const cJSON* v = get("legacy86_reply")) p.legacy86_reply = get_hex(v, "legacy86_reply");
+    if (const cJSON* v = get("versions")) {
+        if (!cJSON_IsObject(v)) fail("\"versions\" must be an object of selector: version");
+        p.versions.clear();
+        for (const cJSON* it = v->child; it != nullptr; it = it->next) {
+            auto sel = parse_number(it->string);
+            if (!sel || *sel < 0 || *sel > 255) fail("version selector \"" + std::string(it->string) + "\" is not 0..255");
+            p.versions[static_cast<uint8_t>(*sel)] = bytes_value(it, std::string("versions.") + it->string);
+        }
+    }
+    if (const cJSON* v = get("module_serial")) {
+        if (cJSON_IsObject(v)) {
+            check_keys(v, {"a", "b", "c", "d", "e"}, "module_serial");
+            auto field = [&](const char* k, long hi) {
+                const cJSON* f = cJSON_GetObjectItemCaseSensitive(v, k);
+                if (f == nullptr) fail(std::string("\"module_serial.") + k + "\" is missing");
+                return static_cast<uint32_t>(get_int(f, std::string("module_serial.") + k, 0, hi));
+            };
+            p.module_serial = serial_from_fields(field("a", 0xFFFF), field("b", 0xFFFF), field("c", 0xFFFFFFFFL),
+                                                 field("d", 0xFFFFFFFFL), field("e", 0xFFFFFFFFL));
+        } else {
+            p.module_serial = get_hex(v, "module_serial");
+            if (p.module_serial.size() != 16) fail("\"module_serial\" must be 16 bytes");
+        }
+    }
+    if (const cJSON* v = get("identity_card")) read_identity(v, p);
+    if (const cJSON* v = get("unknown_reply")) {
+        if (cJSON_IsNull(v)) {
+            p.unknown_reply.reset();
+        } else {
+            if (!cJSON_IsObject(v)) fail("\"unknown_reply\" must be an object or null");
+            check_keys(v, {"status", "data"}, "unknown_reply");
+            Reply rep;
+            if (const cJSON* s = cJSON_GetObjectItemCaseSensitive(v, "status"))
+                std::tie(rep.s1, rep.s2) = get_status(s, "unknown_reply.status");
+            if (const cJSON* d = cJSON_GetObjectItemCaseSensitive(v, "data")) rep.data = get_hex(d, "unknown_reply.data");
+            p.unknown_reply = rep;
+        }
+    }
+    if (const cJSON* v = get("status_overrides")) {
+        if (!cJSON_IsArray(v)) fail("\"status_overrides\" must be an array");
+        const cJSON* it = nullptr;
+        cJSON_ArrayForEach(it, v) {
+            if (!cJSON_IsObject(it)) fail("\"status_overrides\" entries must be objects");
+            check_keys(it, {"class", "code", "status"}, "status_overrides");
+            const long cls = get_int(cJSON_GetObjectItemCaseSensitive(it, "class"), "class", 0, 255);
+            const long code = get_int(cJSON_GetObjectItemCaseSensitive(it, "code"), "code", 0, 255);
+            const cJSON* st = cJSON_GetObjectItemCaseSensitive(it, "status");
+            if (st == nullptr) fail("\"status_overrides\" entry without \"status\"");
+            p.status_overrides[static_cast<uint16_t>(cls << 8 | code)] = get_status(st, "status");
+        }
+    }
+    return p;
+}
+
+DeviceProfile load_device_profile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw std::runtime_error("device profile: cannot open " + path);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    try {
+        return parse_device_profile(ss.str());
+    } catch (const std::runtime_error& e) {
+        throw std::runtime_error(std::string(e.what()) + " (" + path + ")");
+    }
+}
+
+}  // namespace kolt::sim

@@ -1,0 +1,21 @@
+// Small parsing and formatting helpers of the simulator.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kolt::sim {
+
+// Hex digits, blanks ignored; nullopt on an odd count or a foreign character.
+std::optional<std::vector<uint8_t>> parse_hex(std::string_view text);
+// Decimal, or hexadecimal with a 0x prefix.
+std::optional<long> parse_number(std::string_view text);
+// Upper-case hex with blanks between bytes.
+std::string hex_dump(const std::vector<uint8_t>& bytes);
+// Readable form of escape sequences: ESC for 0x1B, \xNN for other controls.
+std::string printable(std::string_view bytes);
+
+}  // namespace kolt::sim

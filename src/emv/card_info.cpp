@@ -1,0 +1,459 @@
+// Card information query in the ICRT and YS conventions.
+#include "emv/card_info.hpp"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "device/icc.hpp"
+#include "emv/app_select.hpp"
+#include "emv/tags.hpp"
+#include "kolt/kolt.h"
+#include "link/port.hpp"
+#include "support/config.hpp"
+#include "support/hex.hpp"
+#include "support/log.hpp"
+
+namespace kolt::emv {
+
+namespace {
+
+constexpr uint32_t kInitTimeout = 20;    // power-on and selection
+constexpr uint32_t kCommandTimeout = 6;  // GET DATA and READ RECORD
+// AFL entries naming a short file identifier from here on are not read.
+constexpr int kSfiLimit = 11;
+
+// Caller letters A..L of the YS convention and the slot each one reads.
+constexpr std::string_view kYsLetters = "ABCDEFGHIJKL";
+constexpr std::string_view kYsSlots = "AEGHIKJXCDBM";
+// Letters whose slots make up the application data block of the IC_ family.
+constexpr std::string_view kAppDataLetters = "AJZ34Y";
+
+void log_text(const char* format, std::string_view text) {
+    log::debug(format, text.data(), static_cast<int>(text.size()));
+}
+void log_hex(const char* format, std::string_view bytes) {
+    log::debug(format, bytes.data(), static_cast<int>(bytes.size()));
+}
+
+std::span<const uint8_t, 2> tag_bytes(const uint8_t (&tag)[2]) { return std::span<const uint8_t, 2>(tag); }
+
+// GET DATA of an electronic-cash value into a letter's slot; the letter is
+// listed as found whatever the card answered (a failed read leaves the slot
+// empty, and the letter is then reported with length 0).
+void get_data_into(const uint8_t (&tag)[2], int index) {
+    device::get_data(static_cast<uint32_t>(ssICType), tag_bytes(tag),
+                     std::span<uint8_t, kSlotSize>(tagListValue[index], kSlotSize), kCommandTimeout);
+    append_found(tagList[index]);
+}
+
+constexpr uint8_t kTagEcBalance[2] = {0x9F, 0x79};
+constexpr uint8_t kTagEcBalanceLimit[2] = {0x9F, 0x77};
+constexpr uint8_t kTagEcSingleLimit[2] = {0x9F, 0x78};
+
+bool contains(std::string_view letters, char c) { return letters.find(c) != std::string_view::npos; }
+
+// Log lines of one AFL walk; nullptr writes nothing.
+struct WalkLogs {
+    const char* entry = nullptr;        // "%d" entry index
+    const char* record = nullptr;       // "%d" record number
+    const char* parsed = nullptr;       // "%s" found letters after each record
+    const char* all_found = nullptr;    // "%s" when the walk stops early
+    const char* read_failed = nullptr;  // "%d" READ RECORD result (error log)
+};
+
+struct Walk {
+    int32_t read_result = 0;  // negative: the READ RECORD that failed
+    bool stopped = false;     // every letter was found
+    int entry = 0;            // AFL entry index where the walk ended
+    int record = 0;           // record number where it ended
+};
+
+// Reads the records the AFL names, entry by entry and record by record, and
+// parses each into the slots until every letter of `letters` is listed as
+// found. Files with an SFI of 11 or more are skipped. After a complete walk
+// entry is the entry count and record one past the last record of the last
+// entry read.
+Walk walk_afl(const AppInit& app, std::string_view letters, const WalkLogs& logs) {
+    Walk w;
+    const int count = app.afl_entries();
+    int i = 0;
+    int j = 0;
+    for (i = 0; i < count; ++i) {
+        if (logs.entry != nullptr) log::debug_int(logs.entry, i);
+        const uint8_t* entry = &app.aip_afl[2 + 4 * static_cast<std::size_t>(i)];
+        const int sfi = entry[0] >> 3;
+        if (sfi >= kSfiLimit) continue;
+        const int first = entry[1];
+        const int last = entry[2];
+        for (j = first; j <= last; ++j) {
+            if (logs.record != nullptr) log::debug_int(logs.record, j);
+            device::CardReply reply;
+            const auto rc = static_cast<int32_t>(device::read_record(
+                static_cast<uint32_t>(ssICType), static_cast<uint8_t>(j), static_cast<uint8_t>(sfi), reply,
+                kCommandTimeout));
+            if (rc < 0) {
+                if (logs.read_failed != nullptr) log::error_int(logs.read_failed, rc);
+                w.read_result = rc;
+                w.entry = i;
+                w.record = j;
+                return w;
+            }
+            parse_tag_value(reply.data(), 1);
+            if (logs.parsed != nullptr) log_text(logs.parsed, found_letters());
+            if (all_found(letters)) {
+                if (logs.all_found != nullptr) log::debug_text(logs.all_found, "");
+                w.stopped = true;
+                w.entry = i;
+                w.record = j;
+                return w;
+            }
+        }
+    }
+    w.entry = i;
+    w.record = j;
+    return w;
+}
+
+// Letter, "%03d" of the length, value.
+void append_field(std::string& out, char letter, std::string_view value) {
+    char head[8];
+    std::snprintf(head, sizeof head, "%c%03d", letter, static_cast<int>(value.size()));
+    out += head;
+    out += value;
+}
+
+}  // namespace
+
+std::string icrt_format(std::string_view letters) {
+    std::string out;
+    for (char c : letters) append_field(out, c, slot_text(letter_index(c)));
+    return out;
+}
+
+std::string ys_format(std::string_view letters) {
+    std::string out;
+    for (char c : letters) {
+        const auto pos = kYsLetters.find(c);
+        const char slot_letter = pos == std::string_view::npos ? c : kYsSlots[pos];
+        std::string_view value = slot_text(letter_index(slot_letter));
+        if (c == 'B' && !value.empty()) {
+            const std::string track =
+                support::replace_all(std::string(value.substr(0, value.size() - 1)), "D", "=");
+            append_field(out, c, track);
+            continue;
+        }
+        append_field(out, c, value);
+    }
+    return out;
+}
+
+namespace {
+
+// The application data block: letter, length byte, value for each non-empty
+// slot of "AJZ34Y".
+std::string app_data_block() {
+    std::string block;
+    for (char c : kAppDataLetters) {
+        const auto value = slot_text(letter_index(c));
+        if (value.empty()) continue;
+        block += c;
+        block += static_cast<char>(value.size());
+        block += value;
+    }
+    return block;
+}
+
+void log_slots() {
+    for (int i = 0; i < kTagCount; ++i) {
+        log::debug_int("IC_GetInfo apduTagList i =%d", i);
+        const int tag = static_cast<int>(apduTagList[i]);
+        log::debug("IC_GetInfo apduTagList value =%x", &tag, 4);
+        log::debug_int("IC_GetInfo tagListValue value Lenth=%d", tagListValue[i][0]);
+        log::debug_hex("IC_GetInfo tagListValue value=%02x", slot_value(i));
+    }
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+
+std::string_view bounded(const char* text, std::size_t max) {
+    if (text == nullptr) return {};
+    return std::string_view(text, ::strnlen(text, max));
+}
+
+std::string star_field(std::string_view input, int k) {
+    // The input is split with the library's field helper on a bounded copy;
+    // the field is then cut to the 256-byte field buffer.
+    const std::string text(input.substr(0, kStarInputMax));
+    std::string field(text.size() + 1, '\0');
+    KOLT_GetSubStr(text.c_str(), field.data(), '|', k);
+    field.resize(::strnlen(field.c_str(), field.size()));
+    if (field.size() > kFieldMax) field.resize(kFieldMax);
+    return field;
+}
+
+int32_t do_ic_type(int32_t ic_type, int32_t* flag) {
+    int32_t slot = 0;
+    switch (ic_type) {
+    case 0:
+    case 20: slot = 0; break;
+    case 1:
+    case 21: slot = 255; break;
+    case 2:
+    case 22: slot = 2; break;
+    default: return 0;  // contact; the flag stays as it is
+    }
+    if (flag != nullptr) *flag = -1;
+    return slot;
+}
+
+int32_t card_kind_of_slot(int32_t slot) { return slot == 255 ? 2 : 1; }
+
+std::string sys_date() {
+    char buf[100] = {0};
+    const std::time_t now = std::time(nullptr);
+    std::tm tm{};
+    localtime_r(&now, &tm);
+    std::strftime(buf, sizeof buf, "%Y%m%d%H%M%S", &tm);
+    return buf;
+}
+
+AppInit start_app(const uint8_t* aid_list) {
+    return init_app(kInitTimeout, static_cast<uint32_t>(ssICType), candidate_list_bytes(aid_list));
+}
+
+AppInit start_app_psbc(const char* aid_text) {
+    return init_app_psbc(kInitTimeout, static_cast<uint32_t>(ssICType), bounded(aid_text, kFieldMax));
+}
+
+int32_t power_off_card() { return device::power_off(static_cast<uint32_t>(ssICType)); }
+
+void write_text(char* out, const std::optional<std::string>& text) {
+    if (out == nullptr || !text) return;
+    std::memcpy(out, text->data(), text->size());
+    out[text->size()] = '\0';
+}
+
+// ---------------------------------------------------------------------------
+// ICRT core.
+
+Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, const uint8_t* aid_list,
+                          std::string_view letters) {
+    int32_t flag = 0;
+    ssICType = do_ic_type(ic_type, &flag);
+    log::debug_text("KOLT_ICRT_GetICCInfo begin......%s", "");
+    log::debug_int("KOLT_ICRT_GetICCInfo ICtype = %d", ssICType);
+    log_text("KOLT_ICRT_GetICCInfo ctagList = %s", letters);
+
+    clear_working_state();
+    init_tag_list_value();
+
+    const int type = link::do_term_type(term_type);
+    const int opened = link::init_com(type, "", port, "");
+    if (opened < 0) {
+        log::error_int("KOLT_ICRT_GetICCInfo KOLT_initCom flag=%d", opened);
+        link::free_com(type, port);
+        return {-21, std::string(gbk::kPortOpenError)};
+    }
+
+    Outcome result;
+    const AppInit app = start_app(aid_list);
+    if (app.result == -1) {
+        // 卡上电错误: the card never came up, so no power-off is sent.
+        log::error_text("KOLT_ICRT_GetICCInfo \xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3%s", "");
+        link::free_com(type, port);
+        return {app.result - 10, std::string(gbk::kPowerOnError)};
+    }
+    if (app.result != 0 && app.result != -7) {
+        log::error_int("KOLT_ICRT_GetICCInfo KOLT_T41_InitICCardApp flag=%d", app.result);
+        result = {app.result - 10, std::string(gbk::kCardInitError)};
+    } else {
+        // A locked application (-7) is still read; the caller sees 10.
+        const int32_t final_code = app.result == -7 ? 10 : 0;
+
+        // Electronic-cash values. The trigger letters differ from the
+        // letters of the slots they fill: E fills G, F fills H, G fills K.
+        if (contains(letters, 'E')) get_data_into(kTagEcBalance, kEcBalance);
+        if (contains(letters, 'F')) get_data_into(kTagEcBalanceLimit, kEcBalanceLimit);
+        if (contains(letters, 'G')) get_data_into(kTagEcSingleLimit, kEcSingleLimit);
+
+        WalkLogs logs;
+        logs.parsed = "KOLT_ICRT_GetICCInfo gFindedTagList2=%s";
+        logs.all_found = "KOLT_ICRT_GetICCInfo All TagList is finded%s";
+        logs.read_failed = "KOLT_ICRT_GetICCInfo KOLT_T41_ICC_Comm_Read_Record flag=%d";
+        const Walk w = walk_afl(app, letters, logs);
+        if (w.read_result < 0) {
+            result = {-22, std::string(gbk::kReadRecordError)};
+        } else {
+            std::string info = icrt_format(letters);
+            log_text("KOLT_ICRT_GetICCInfo infoBuf=%s", info);
+            result = {final_code, std::move(info)};
+        }
+    }
+
+    const int32_t off = power_off_card();
+    log::debug("getIdCardInfo KOLT_T41_ICC_Poweroff flag=%x", &off, 4);
+    link::free_com(type, port);
+    return result;
+}
+
+Outcome star_get_info(std::string_view input) {
+    log::debug_text("STAR_GetInfo ......%s", "");
+    log_text("STAR_GetInfo  datain=%s", input);
+    const std::string port_field = star_field(input, 2);
+    const int port = std::atoi(port_field.c_str());
+    log::debug_int("STAR_GetInfo  iPort=%d", port);
+    const std::string letters = star_field(input, 4);
+    log_text("STAR_GetInfo  tagList=%s", letters);
+
+    static const uint8_t kNoCandidates[1] = {0};
+    Outcome r = icrt_get_icc_info(1, port, 1, kNoCandidates, letters);
+    log_text("STAR_GetInfo  strReturn=%s", r.text ? std::string_view(*r.text) : std::string_view());
+    return r;
+}
+
+// ---------------------------------------------------------------------------
+// YS core.
+
+YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid_text) {
+    ::usleep(400 * 1000);
+    int32_t flag = 0;
+    ssICType = do_ic_type(ic_type, &flag);
+    log::debug_int("IC_GetInfo ICtype = %d", ssICType);
+    log_text("IC_GetInfo ctagList = %s", letters);
+    clear_working_state();
+    init_tag_list_value();
+
+    // The search list always holds J: the PAN sequence number is part of
+    // the application data block.
+    std::string search(letters);
+    if (!contains(search, 'J')) search += 'J';
+    log_text("IC_GetInfo myctagList = %s", search);
+
+    YsOutcome out;
+    const AppInit app = start_app_psbc(aid_text);
+    switch (app.result) {
+    case 0:
+        break;
+    case -12:
+        log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag=%d", app.result);
+        log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag =%d", app.result);
+        out.code = -2;
+        out.text = std::string(gbk::kPowerOnError);
+        return out;
+    case -1:
+        // 卡上电错误
+        log::error_text("IC_GetInfo \xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3%s", "");
+        log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag =%d", app.result);
+        out.code = -1;
+        out.text = std::string(gbk::kPowerOnError);
+        return out;
+    case ICC_Contact_Not_Insert:
+        log::error_text("IC_GetInfo KOLT_T41_InitICCardApp flag ICC_Contact_Not_Insert%s", "");
+        out.code = -9;
+        out.text = std::string(gbk::kContactNotInserted);
+        break;
+    case -7:
+        log::error_text("IC_GetInfo KOLT_T41_InitICCardApp flag =%s", "-7");
+        out.code = -10;
+        out.text = std::string(gbk::kCardInitError);
+        break;
+    default:
+        log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag not ok =%d", app.result);
+        out.code = -10;
+        out.text = std::string(gbk::kCardInitError);
+        break;
+    }
+
+    if (app.result == 0) {
+        // The GET DATA triggers are tested on the caller's own letters,
+        // before the YS translation.
+        if (contains(search, 'G')) get_data_into(kTagEcBalance, kEcBalance);
+        if (contains(search, 'H')) get_data_into(kTagEcBalanceLimit, kEcBalanceLimit);
+        if (contains(search, 'K')) get_data_into(kTagEcSingleLimit, kEcSingleLimit);
+
+        WalkLogs logs;
+        logs.entry = "IC_GetInfo nAFL i=%d";
+        logs.record = "IC_GetInfo AIPAFLBuf j=%d";
+        logs.all_found = "IC_GetInfo All TagList is finded%s";
+        logs.read_failed = "IC_GetInfo KOLT_T41_ICC_Comm_Read_Record flag =%d";
+        const Walk w = walk_afl(app, search, logs);
+        if (w.read_result < 0) {
+            out.code = -10;
+            out.text = std::string(gbk::kReadRecordError);
+        } else {
+            char pos[16];
+            std::snprintf(pos, sizeof pos, "%02d%02d", w.entry, w.record);
+            set_slot_text(kAflPosition, pos);
+            log_text("IC_GetInfo nAFL &tagListValue[nIndex][1]=%s", slot_text(kAflPosition));
+
+            std::string info = ys_format(letters);
+            log_hex("IC_GetInfo infoBuf=%02x", info);
+            log_text("IC_GetInfo infoBuf='%s'", info);
+
+            const int32_t kind = card_kind_of_slot(ssICType);
+            log::debug_int("IC_GetInfo icflag=%d", kind);
+
+            std::string block = app_data_block();
+            std::array<uint8_t, 128> head{};
+            std::memcpy(head.data(), block.data(), std::min(block.size(), head.size()));
+            log::debug_hex("IC_GetInfo lpicappdata=%02x", head);
+            log_slots();
+
+            out.code = 0;
+            out.text = std::move(info);
+            out.card_kind = kind;
+            out.app_data = std::move(block);
+        }
+    }
+
+    const int32_t off = power_off_card();
+    log::debug("IC_GetInfo KOLT_T41_ICC_Poweroff flag=%x", &off, 4);
+    return out;
+}
+
+IcInfoOutcome ic_get_info(std::string_view port_name, int32_t ic_type, const char* aid_text,
+                          std::string_view letters) {
+    std::memset(gPortName, 0, sizeof gPortName);
+    const auto name = port_name.substr(0, kPortNameMax);
+    std::memcpy(gPortName, name.data(), name.size());
+
+    log::set_switch(config::ini_int("icc", "log", config::kolt_ini_path()));
+    log::debug_int("ID_GetInfo g_nWriteDebugLog=%d", log::switch_value());
+    log::debug_int("IC_GetInfo icType ===%d", ic_type);
+    log::debug_int("IC_GetInfo nPortNo ===%d", 0);
+
+    IcInfoOutcome out;
+    if (link::ic_init_com(0, 0) != 0) {
+        link::ic_close_com(0, 0);
+        out.code = -3;
+        return out;
+    }
+
+    YsOutcome ys = ys_get_info(ic_type - 1, letters, aid_text);
+    log::debug_int("IC_GetInfo IC_GetInfo_YS nRet=%d", ys.code);
+    out.text = std::move(ys.text);
+    out.card_kind = ys.card_kind;
+    if (ys.code == 0 && out.text) out.out_len = static_cast<int32_t>(::strnlen(out.text->c_str(), out.text->size()));
+
+    // The folding of the YS results is kept as the IC_ family defines it;
+    // the YS core itself never gives -105, -102 or -3.
+    switch (ys.code) {
+    case 0: out.code = 0; break;
+    case -105: out.code = -25; break;
+    case -102: out.code = -11; break;
+    case -3: out.code = -3; break;
+    default: out.code = -99; break;
+    }
+    link::ic_close_com(0, 0);
+    return out;
+}
+
+}  // namespace kolt::emv

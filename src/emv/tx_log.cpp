@@ -1,0 +1,341 @@
+// Transaction log in the ICRT and IC conventions.
+#include "emv/tx_log.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "device/icc.hpp"
+#include "emv/tags.hpp"
+#include "kolt/kolt.h"
+#include "link/port.hpp"
+#include "support/log.hpp"
+
+namespace kolt::emv {
+
+namespace {
+
+constexpr uint32_t kLogFormatTimeout = 20;  // GET DATA 9F4F
+constexpr uint32_t kRecordTimeout = 6;      // READ RECORD
+constexpr uint8_t kTagLogFormat[2] = {0x9F, 0x4F};
+
+void log_text(const char* format, std::string_view text) {
+    log::debug(format, text.data(), static_cast<int>(text.size()));
+}
+
+// Log lines of one log read (the two cores name themselves differently).
+struct LogTexts {
+    const char* get_data = nullptr;          // before GET DATA 9F4F
+    const char* get_data_failed = nullptr;   // "%s", error log
+    const char* format_value = nullptr;      // "%02x" the log format
+    const char* read_record = nullptr;       // "%02x" each record's reply
+    const char* formatted_len = nullptr;     // "%d" running length
+    const char* formatted_hex = nullptr;     // "%02x" the record's text
+    const char* formatted = nullptr;         // "%s" the record's text
+};
+
+struct LogRead {
+    enum class End { Complete, NoLogFormat, FormatMismatch, ReadFailed } end = End::Complete;
+    int32_t read_result = 0;  // the failing READ RECORD
+    int32_t count = 0;        // records formatted
+    int32_t record_len = 0;   // length of the first formatted record
+    std::string records;      // the formatted records back to back
+};
+
+// GET DATA of the log format, the one-byte format check, then READ RECORD
+// 1, 2, ... of the log file until the number the log entry announces, a
+// status other than 9000 (a card holding fewer records answers 6A83) or a
+// failed command. `header` bytes precede the records in the caller's
+// output; records that would not fit in kLogTextRoom are not read.
+LogRead read_log(const AppInit& app, std::size_t header, const LogTexts& texts) {
+    LogRead r;
+    std::array<uint8_t, 256> format{};
+    if (texts.get_data != nullptr) log::debug_text(texts.get_data, "");
+    const uint32_t sw = device::get_data(static_cast<uint32_t>(ssICType), std::span<const uint8_t, 2>(kTagLogFormat),
+                                         std::span<uint8_t, 256>(format), kLogFormatTimeout);
+    if (sw != device::kSwOk) {
+        if (texts.get_data_failed != nullptr) log::error_text(texts.get_data_failed, "");
+        r.end = LogRead::End::NoLogFormat;
+        return r;
+    }
+    if (texts.format_value != nullptr)
+        log::debug_hex(texts.format_value, std::span<const uint8_t>(format.data(), 1u + format[0]));
+
+    // Only the first byte is compared with the expected layout: every card
+    // whose log format begins with the date (9A) is taken to follow it. An
+    // empty format passes.
+    if (format[0] > 0 && format[1] != trDetailRecordFormat[0]) {
+        r.end = LogRead::End::FormatMismatch;
+        return r;
+    }
+
+    const uint8_t sfi = app.log_entry[0];
+    const int announced = app.log_entry[1];
+    for (int n = 1; n <= announced; ++n) {
+        if (r.count > 0 && header + r.records.size() + static_cast<std::size_t>(r.record_len) + 1 > kLogTextRoom)
+            break;  // the output holds no further record
+        device::CardReply reply;
+        const auto rc = static_cast<int32_t>(
+            device::read_record(static_cast<uint32_t>(ssICType), static_cast<uint8_t>(n), sfi, reply, kRecordTimeout));
+        if (rc < 0) {
+            r.end = LogRead::End::ReadFailed;
+            r.read_result = rc;
+            return r;
+        }
+        if (texts.read_record != nullptr) log::debug_hex(texts.read_record, reply.response());
+        if (static_cast<uint32_t>(rc) != device::kSwOk) break;
+
+        const std::string text = format_log_record(reply.data());
+        if (r.count == 0) r.record_len = static_cast<int32_t>(text.size());
+        r.records += text;
+        ++r.count;
+        const int running = static_cast<int>(header + r.records.size());
+        if (texts.formatted_len != nullptr) log::debug_int(texts.formatted_len, running);
+        if (texts.formatted_hex != nullptr) log_text(texts.formatted_hex, text);
+        if (texts.formatted != nullptr) log_text(texts.formatted, text);
+    }
+    return r;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+
+LogOutcome icrt_get_tr_detail(int32_t term_type, int32_t port, int32_t ic_type, const char* aid_text) {
+    int32_t flag = 0;
+    ssICType = do_ic_type(ic_type, &flag);
+    log::debug_text("KOLT_ICRT_GetTrDetail begin......%s", "");
+    log::debug_int("KOLT_ICRT_GetICCInfo ICtype = %d", ssICType);
+    clear_working_state();
+
+    const int type = link::do_term_type(term_type);
+    const int opened = link::init_com(type, "", port, "");
+    if (opened < 0) {
+        log::error_int("KOLT_ICRT_GetTrDetail KOLT_initCom flag=%d", opened);
+        link::free_com(type, port);
+        return {-21, std::string(gbk::kPortOpenError), std::nullopt, 0};
+    }
+
+    const AppInit app = start_app_psbc(aid_text);
+    if (app.result == -1) {
+        // The card never came up: no power-off.
+        link::free_com(type, port);
+        return {-11, std::string(gbk::kPowerOnError), std::nullopt, 0};
+    }
+
+    LogOutcome out;
+    if (app.log_entry_len < 2) {
+        // Whatever the selection gave, a card without a log entry ends here.
+        out.code = app.result - 10;
+        out.text = std::string(gbk::kNoLogEntry);
+    } else {
+        LogTexts texts;
+        texts.get_data = "KOLT_ICRT_GetTrDetail KOLT_T41_ICC_GetData......%s";
+        texts.format_value = "KOLT_ICRT_GetTrDetail KOLT_T41_ICC_GetData oneTagValue =%02x";
+        texts.read_record = "KOLT_ICRT_GetTrDetail KOLT_T41_ICC_Comm_Read_Record rApduBuf=%02x";
+        texts.formatted_len = "KOLT_ICRT_GetTrDetail nTxDetailDataLen =%d";
+        texts.formatted = "KOLT_ICRT_GetTrDetail &TxDetail[nIndex] =%s";
+        LogRead r = read_log(app, 3, texts);
+        switch (r.end) {
+        case LogRead::End::NoLogFormat:
+            out.code = -23;
+            out.text = std::string(gbk::kLogFormatError);
+            break;
+        case LogRead::End::FormatMismatch:
+            out.code = -23;  // no text
+            break;
+        case LogRead::End::ReadFailed:
+            out.code = r.read_result - 22;
+            out.text = std::string(gbk::kReadRecordError);
+            break;
+        case LogRead::End::Complete: {
+            char head[16];
+            std::snprintf(head, sizeof head, "%03d", r.record_len);
+            std::string text = std::string(head, 3) + r.records;
+            log_text("KOLT_ICRT_GetTrDetail TxDetail ='%s'", text);
+            out.code = r.count;
+            out.text = std::move(text);
+            out.records = r.count;
+            out.record_len = r.record_len;
+            break;
+        }
+        }
+    }
+
+    const int32_t off = power_off_card();
+    log::debug_int("KOLT_ICRT_GetTrDetail KOLT_T41_ICC_Poweroff flag=%d", off);
+    link::free_com(type, port);
+    return out;
+}
+
+TrDetailOutcome icrt_select_tr_detail(int32_t term_type, int32_t port, int32_t ic_type, int32_t index,
+                                      const char* aid_text) {
+    log::debug_text("ICRT_GetTrDetail begin... %s", "");
+    const LogOutcome core = icrt_get_tr_detail(term_type, port, ic_type, aid_text);
+
+    TrDetailOutcome out;
+    if (core.code == -11) {
+        out.code = -105;
+        return out;
+    }
+    if (core.code == -22) {
+        out.code = -102;
+        return out;
+    }
+    if (core.code == 0) {
+        out.bytes = std::string();
+        return out;
+    }
+    // Only a log read to its end gives records to hand out; any other
+    // result (a failure, or the positive code of a card missing from the
+    // contact slot) is -120.
+    if (core.code < 0 || !core.records || *core.records != core.code || !core.text) {
+        out.code = -120;
+        return out;
+    }
+    const int32_t n = core.code;
+    const std::size_t len = static_cast<std::size_t>(core.record_len);
+    const std::string& text = *core.text;
+    if (index == 0) {
+        // Every record without the header, and no terminator: callers hand
+        // in a zeroed buffer.
+        out.bytes = text.substr(3);
+        out.terminate = false;
+        return out;
+    }
+    if (index < 0 || index > n) {
+        out.code = -120;
+        return out;
+    }
+    out.bytes = text.substr(0, 3) + text.substr(3 + static_cast<std::size_t>(index - 1) * len, len);
+    return out;
+}
+
+LogOutcome star_get_tx_detail(std::string_view input) {
+    log::debug_text("STAR_GetTxDetail ......%s", "");
+    log_text("STAR_GetTxDetail  datain=%s", input);
+    const std::string port_field = star_field(input, 2);
+    const int port = std::atoi(port_field.c_str());
+    log::debug_int("STAR_GetTxDetail  iPort=%d", port);
+    const std::string txdata = star_field(input, 4);
+    log_text("STAR_GetTxDetail  txdata=%s", txdata);
+
+    LogOutcome r = icrt_get_tr_detail(1, port, 1, "");
+    log_text("STAR_GetTxDetail  strReturn=%s", r.text ? std::string_view(*r.text) : std::string_view());
+    return r;
+}
+
+TranDetaOutcome ic_get_tran_deta(std::string_view port_name, int32_t ic_type, const char* aid_text) {
+    std::memset(gPortName, 0, sizeof gPortName);
+    const auto name = port_name.substr(0, kPortNameMax);
+    std::memcpy(gPortName, name.data(), name.size());
+
+    TranDetaOutcome out;
+    out.written = icrt_select_tr_detail(0, 0, ic_type - 1, 0, aid_text);
+    if (out.written.code == 0) {
+        // The records carry no zero byte, so the text written is exactly
+        // what strlen of a zeroed output finds.
+        const std::string& b = out.written.bytes ? *out.written.bytes : std::string();
+        out.out_len = static_cast<int32_t>(::strnlen(b.c_str(), b.size()));
+        out.card_kind = card_kind_of_slot(ssICType);
+    }
+    switch (out.written.code) {
+    case -21:
+    case -3: out.code = -3; break;
+    case -105: out.code = -25; break;
+    case -102: out.code = -11; break;
+    case 0: out.code = 0; break;
+    default: out.code = -99; break;
+    }
+    return out;
+}
+
+TxDetailOutcome ic_get_tx_detail(int32_t ic_type, const uint8_t* aid_list) {
+    int32_t flag = 0;
+    ssICType = do_ic_type(ic_type - 1, &flag);
+    log::debug_text("IC_GetTxDetail begin......%s", "");
+    log::debug_int("IC_GetTxDetail ICtype = %d", ssICType);
+    clear_working_state();
+
+    TxDetailOutcome out;
+    const AppInit app = start_app(aid_list);
+    switch (app.result) {
+    case -12:
+        log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag=%d", app.result);
+        log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag =%d", app.result);
+        out.code = -2;
+        return out;
+    case -1:
+        // 卡上电错误
+        log::error_text("IC_GetTxDetail \xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3%s", "");
+        log::error_int("IC_GetTxDetail KOLT_T41_InitICCardApp flag =%d", app.result);
+        out.code = -1;
+        return out;
+    case ICC_Contact_Not_Insert:
+        log::error_text("IC_GetTxDetail KOLT_T41_InitICCardApp ICC_Contact_Not_Insert %s", "");
+        out.code = -9;
+        break;
+    case -7:
+        log::error_text("IC_GetTxDetail KOLT_T41_InitICCardApp flag =%s", "-7");
+        out.code = -10;
+        break;
+    case 0:
+        if (app.log_entry_len < 2) {
+            log::error_text("IC_GetTxDetail KOLT_T41_InitICCardApp nLogEntry error%s", "");
+            out.code = -10;
+        }
+        break;
+    default:
+        log::error_int("IC_GetTxDetail KOLT_T41_InitICCardApp not ok flag=%d", app.result);
+        log::error_text("IC_GetTxDetail KOLT_T41_InitICCardApp not ok%s", "");
+        out.code = -10;
+        break;
+    }
+
+    if (app.result == 0 && app.log_entry_len >= 2) {
+        LogTexts texts;
+        texts.get_data_failed = "IC_GetTxDetail KOLT_T41_ICC_GetData \x9F\x4F =%s";
+        texts.read_record = "IC_GetTxDetail KOLT_T41_ICC_Comm_Read_Record rApduBuf=%02x";
+        texts.formatted_len = "IC_GetTxDetail nTxDetailDataLen =%d";
+        texts.formatted_hex = "IC_GetTxDetail &TxDetail[nIndex] =%02x";
+        texts.formatted = "IC_GetTxDetail &TxDetail[nIndex] =%s";
+        LogRead r = read_log(app, 2, texts);
+        switch (r.end) {
+        case LogRead::End::NoLogFormat:
+            out.code = -10;
+            out.text = std::string(gbk::kLogFormatError);
+            break;
+        case LogRead::End::FormatMismatch:
+            out.code = -10;  // no text
+            break;
+        case LogRead::End::ReadFailed:
+            // Kept as the IC_ family defines it: 10, not an error code.
+            out.code = 10;
+            out.text = std::string(gbk::kReadRecordError);
+            break;
+        case LogRead::End::Complete: {
+            std::string block;
+            block += static_cast<char>(r.count & 0xFF);
+            block += static_cast<char>(r.record_len & 0xFF);
+            block += r.records;
+            std::array<uint8_t, 256> head{};
+            std::memcpy(head.data(), block.data(), std::min(block.size(), head.size()));
+            log::debug_hex("IC_GetTxDetail TxDetail =%02x", head);
+            log_text("IC_GetTxDetail TxDetail =%s", block);
+            out.code = 0;
+            out.text = std::move(block);
+            out.card_kind = card_kind_of_slot(ssICType);
+            log::debug_int("IC_GetTxDetail psbcICType=%d", *out.card_kind);
+            break;
+        }
+        }
+    }
+
+    const int32_t off = power_off_card();
+    log::debug_int("IC_GetTxDetail KOLT_T41_ICC_Poweroff flag=%d", off);
+    return out;
+}
+
+}  // namespace kolt::emv

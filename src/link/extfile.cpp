@@ -1,0 +1,301 @@
+// Reader of "idcread.ext", the command file the teller system shares with
+// the library, and of plain key=value files.
+#include "link/extfile.hpp"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <span>
+
+#include "kolt/kolt.h"
+#include "support/hex.hpp"
+#include "support/log.hpp"
+
+namespace kolt::link {
+namespace {
+
+struct FileCloser {
+    void operator()(std::FILE* fp) const { std::fclose(fp); }
+};
+using File = std::unique_ptr<std::FILE, FileCloser>;
+
+// Terminal-file lines are read in pieces of up to 1023 characters, key=value
+// files in pieces of up to 1022 (a longer line continues as the next piece).
+constexpr size_t kExtLineMax = 1023;
+constexpr size_t kValueFileLineMax = 1022;
+
+bool read_piece(std::FILE* fp, size_t max_chars, std::string& line) {
+    line.clear();
+    int c;
+    while (line.size() < max_chars && (c = std::fgetc(fp)) != EOF) {
+        line += static_cast<char>(c);
+        if (c == '\n') break;
+    }
+    return !line.empty();
+}
+
+bool contains(const std::string& text, std::string_view what) { return text.find(what) != std::string::npos; }
+
+bool is_comment(const std::string& line) { return first_char(line) == '#'; }
+
+std::string section_header(const char* kind, std::string_view type_text) {
+    return std::string("[") + kind + "_" + std::string(type_text) + "_" + "KOLT510QX" + "]";
+}
+
+// A section ends at the next header of either kind.
+bool ends_section(const std::string& line) { return contains(line, "[TERM") || contains(line, "[TRANSFER"); }
+
+std::string capped(std::string bytes) {
+    if (bytes.size() > kExtValueMax) bytes.resize(kExtValueMax);
+    return bytes;
+}
+
+// One pass of printf with no arguments: "%%" gives "%". Any other directive
+// would read an argument that is not there; it is copied as it stands.
+std::string format_no_args(std::string_view text) {
+    std::string out;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '%' && i + 1 < text.size() && text[i + 1] == '%') {
+            out += '%';
+            ++i;
+        } else {
+            out += text[i];
+        }
+    }
+    return out;
+}
+
+std::span<const uint8_t> as_bytes(const std::string& s) {
+    return {reinterpret_cast<const uint8_t*>(s.data()), s.size()};
+}
+
+// The value of key in line (the line is edited as by value_from_line);
+// empty when key + "=" does not occur.
+std::string entry_value(std::string& line, std::string_view key) {
+    std::string value;
+    if (!value_from_line(line, key, value)) value.clear();
+    return value;
+}
+
+void copy_out(char* out, const std::string& bytes) {
+    if (out == nullptr) return;
+    const size_t n = bytes.size() > kExtValueMax ? kExtValueMax : bytes.size();
+    std::memcpy(out, bytes.data(), n);
+    out[n] = 0;
+}
+
+}  // namespace
+
+std::string extfile_path() {
+    const char* home = std::getenv("DCCHOME");
+    if (home == nullptr || std::strstr(home, "(null)") != nullptr) return "/dcc/lxbs/font/idcread.ext";
+    return std::string(home) + "/lxbs/font/idcread.ext";
+}
+
+char first_char(std::string_view text) {
+    for (const char c : text) {
+        if (c == 0) break;
+        if (c != ' ' && c != '\t') return c;
+    }
+    return 0;
+}
+
+bool value_from_line(std::string& line, std::string_view key, std::string& value) {
+    std::erase(line, '\t');
+    if (!line.empty() && line.back() == '\n') line.pop_back();
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    const std::string entry = std::string(key) + "=";
+    const auto pos = line.find(entry);
+    if (pos == std::string::npos) return false;
+    value = format_no_args(std::string_view(line).substr(pos + entry.size()));
+    return true;
+}
+
+int value_from_file(const std::string& path, std::string_view key, std::string& value) {
+    File fp(std::fopen(path.c_str(), "r"));
+    if (!fp) return -1;
+    const std::string entry = std::string(key) + "=";
+    std::string line;
+    while (read_piece(fp.get(), kValueFileLineMax, line)) {
+        if (contains(line, entry)) return value_from_line(line, key, value) ? 0 : -2;
+    }
+    return -2;
+}
+
+std::string hex_value(std::string_view value) {
+    const auto bytes = kolt::support::from_hex(value);
+    return std::string(bytes.begin(), bytes.end());
+}
+
+std::string convert_value(std::string_view value) {
+    if (value.size() < 2) return {};
+    if (value.substr(0, 2) == "1B") return hex_value(value);
+    std::string out;
+    for (size_t i = 0; i < value.size(); ++i) {
+        if (value.substr(i, 4) == "\\033") {
+            out += '\x1b';
+            i += 3;
+        } else {
+            out += value[i];
+        }
+    }
+    return out;
+}
+
+int read_term_commands(const std::string& path, std::string_view type_text, std::string_view port_text,
+                       TermCommands& out) {
+    out = TermCommands{};
+    File fp(std::fopen(path.c_str(), "r"));
+    if (!fp) {
+        log::debug_text("getTermCmdFromExtfile fopen error%s", path.c_str());
+        return -1;
+    }
+    const std::string header = section_header("TERM", type_text);
+    const std::string open_key = "OPEN_COM" + std::string(port_text);
+    const std::string close_key = "CLOSE_COM" + std::string(port_text);
+    bool in_section = false;
+    int ncmd = 0;
+    std::string line;
+    while (read_piece(fp.get(), kExtLineMax, line)) {
+        if (is_comment(line)) continue;
+        if (!in_section) {
+            if (contains(line, header)) {
+                in_section = true;
+                ncmd = 0;
+            }
+            continue;
+        }
+        if (ends_section(line)) break;
+        // Keys in this order, each matched by substring of the key text: the
+        // key OPEN_COM1 also claims a line holding OPEN_COM12=, as the teller
+        // system's files have always been read. The value is then what
+        // follows key + "=", empty when the line has no such text.
+        if (contains(line, open_key)) {
+            out.open = capped(convert_value(entry_value(line, open_key)));
+            ++ncmd;
+            log::debug_text("getTermCmdFromExtfile KOLT_getValueFromStr open_aux_cmd=%s", out.open.c_str());
+        } else if (contains(line, close_key)) {
+            out.close = capped(convert_value(entry_value(line, close_key)));
+            ++ncmd;
+            log::debug_text("getTermCmdFromExtfile KOLT_getValueFromStr close_aux_cmd=%s", out.close.c_str());
+        } else if (contains(line, "LOCK_KEY") && !contains(line, "UNLOCK_KEY")) {
+            out.lock = capped(convert_value(entry_value(line, "LOCK_KEY")));
+            log::debug_hex("getTermCmdFromExtfile KOLT_getValueFromStr key_lock_cmd=%02x", as_bytes(out.lock));
+        } else if (contains(line, "UNLOCK_KEY")) {
+            out.unlock = capped(convert_value(entry_value(line, "UNLOCK_KEY")));
+            log::debug_hex("getTermCmdFromExtfile KOLT_getValueFromStr key_unlock_cmd=%02x", as_bytes(out.unlock));
+        } else if (contains(line, "CMD_BEGIN")) {
+            out.lead = capped(convert_value(entry_value(line, "CMD_BEGIN")));
+            log::debug_text("getTermCmdFromExtfile KOLT_getValueFromStr aux_lead=%s", out.lead.c_str());
+        } else if (contains(line, "CMD_END")) {
+            out.end = capped(convert_value(entry_value(line, "CMD_END")));
+            log::debug_text("getTermCmdFromExtfile KOLT_getValueFromStr aux_end=%s", out.end.c_str());
+        }
+    }
+    log::debug_int("getTermCmdFromExtfile return ncmd=%d", ncmd);
+    return ncmd;
+}
+
+int read_transfer_command(const std::string& path, std::string_view type_text, std::string_view letter,
+                          std::string& out) {
+    out.clear();
+    File fp(std::fopen(path.c_str(), "r"));
+    if (!fp) {
+        log::debug_text("getTransferCmdFromExtfile fopen error%s", path.c_str());
+        return -1;
+    }
+    const std::string header = section_header("TRANSFER", type_text);
+    const std::string key = "OPEN_PORT" + std::string(letter);
+    bool in_section = false;
+    std::string line;
+    while (read_piece(fp.get(), kExtLineMax, line)) {
+        if (is_comment(line)) continue;
+        if (!in_section) {
+            in_section = contains(line, header);
+            continue;
+        }
+        if (ends_section(line)) return -2;
+        if (contains(line, key)) {
+            // Matched by substring like the terminal keys; pass-through values
+            // are always hex text.
+            out = capped(hex_value(entry_value(line, key)));
+            log::debug_hex("getTransferCmdFromExtfile KOLT_getValueFromStr BPCommand=%02x", as_bytes(out));
+            return 0;
+        }
+    }
+    return -2;
+}
+
+}  // namespace kolt::link
+
+// ---------------------------------------------------------------------------
+// C interface. Every output receives at most 255 bytes and a terminator.
+
+namespace kl = kolt::link;
+
+extern "C" {
+
+KOLT_API int32_t KOLT_getTermCmdFromExtfile(const char* typeText, const char* portText, char* openOut,
+                                            char* closeOut, char* lockOut, char* unlockOut, char* leadOut,
+                                            char* endOut) {
+    for (char* out : {openOut, closeOut, lockOut, unlockOut, leadOut, endOut})
+        if (out != nullptr) out[0] = 0;
+    const std::string path = kl::extfile_path();
+    kolt::log::debug_text("getTermCmdFromExtfile idcread.ext path=%s", path.c_str());
+    kl::TermCommands cmds;
+    const int n = kl::read_term_commands(path, typeText ? typeText : "", portText ? portText : "", cmds);
+    kl::copy_out(openOut, cmds.open);
+    kl::copy_out(closeOut, cmds.close);
+    kl::copy_out(lockOut, cmds.lock);
+    kl::copy_out(unlockOut, cmds.unlock);
+    kl::copy_out(leadOut, cmds.lead);
+    kl::copy_out(endOut, cmds.end);
+    return n;
+}
+
+KOLT_API int32_t KOLT_getTransferCmdFromExtfile(const char* typeText, const char* letter, char* out) {
+    const std::string path = kl::extfile_path();
+    kolt::log::debug_text("getTransferCmdFromExtfile idcread.ext path=%s", path.c_str());
+    std::string bytes;
+    const int rc = kl::read_transfer_command(path, typeText ? typeText : "", letter ? letter : "", bytes);
+    if (rc == 0) kl::copy_out(out, bytes);
+    return rc;
+}
+
+KOLT_API int32_t KOLT_getValueFromStr(char* line, const char* key, char* out) {
+    if (line == nullptr || key == nullptr) return -1;
+    std::string text(line);
+    std::string value;
+    const bool found = kl::value_from_line(text, key, value);
+    // The line is edited in place (tabs and line end removed); it only
+    // gets shorter.
+    std::memcpy(line, text.c_str(), text.size() + 1);
+    if (!found) return -1;
+    kl::copy_out(out, value);
+    return 0;
+}
+
+KOLT_API int32_t KOLT_getValueFromFile(const char* path, const char* key, char* out) {
+    if (path == nullptr || key == nullptr) return -1;
+    std::string value;
+    const int rc = kl::value_from_file(path, key, value);
+    if (rc == 0) kl::copy_out(out, value);
+    return rc;
+}
+
+KOLT_API int32_t getStrFirstChar(const char* text) {
+    if (text == nullptr) return 0;
+    return static_cast<unsigned char>(kl::first_char(text));
+}
+
+KOLT_API int32_t convertStr2Bytebuf(const char* value, char* out) {
+    if (out == nullptr) return 0;
+    std::memset(out, 0, 8);
+    if (value == nullptr) return 0;
+    const std::string bytes = kl::convert_value(value);
+    kl::copy_out(out, bytes);
+    return static_cast<int32_t>(bytes.size() > kl::kExtValueMax ? kl::kExtValueMax : bytes.size());
+}
+
+}  // extern "C"

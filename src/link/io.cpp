@@ -1,0 +1,334 @@
+// Timed read and write primitives of the device link.
+#include "link/io.hpp"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <cstring>
+
+#include "kolt/kolt.h"
+#include "link/link_state.hpp"
+
+namespace kolt::link {
+namespace {
+
+long long now_ms(clockid_t clock) {
+    timespec ts{};
+    clock_gettime(clock, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// A time-out of whole seconds on the wall clock's seconds field: it expires
+// when the seconds field has advanced by the time-out. A monotonic bound of
+// the same length keeps a clock step from stretching the wait.
+class Deadline {
+public:
+    explicit Deadline(int timeout_s) : timeout_(std::max(timeout_s, 0)) {
+        timespec ts{};
+        clock_gettime(CLOCK_REALTIME, &ts);
+        start_s_ = ts.tv_sec;
+        real_end_ms_ = (static_cast<long long>(start_s_) + timeout_) * 1000;
+        mono_end_ms_ = now_ms(CLOCK_MONOTONIC) + static_cast<long long>(timeout_) * 1000;
+    }
+
+    bool expired() const { return remaining_ms() <= 0; }
+
+    // Milliseconds left, rounded up so that a wait never ends early.
+    long long remaining_ms() const {
+        timespec ts{};
+        clock_gettime(CLOCK_REALTIME, &ts);
+        if (ts.tv_sec - start_s_ >= timeout_) return 0;
+        const long long real_left =
+            real_end_ms_ - (static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000);
+        const long long mono_left = mono_end_ms_ - now_ms(CLOCK_MONOTONIC);
+        return std::max(0LL, std::min(real_left, mono_left));
+    }
+
+private:
+    int timeout_;
+    time_t start_s_ = 0;
+    long long real_end_ms_ = 0;
+    long long mono_end_ms_ = 0;
+};
+
+int poll_ms(long long ms) { return static_cast<int>(std::min<long long>(ms, INT_MAX)); }
+
+// Waits until fd is readable or the deadline passes; the poll events.
+short wait_readable(int fd, long long ms) {
+    pollfd p{fd, POLLIN, 0};
+    int r;
+    do {
+        r = ::poll(&p, 1, poll_ms(ms));
+    } while (r < 0 && errno == EINTR);
+    return r > 0 ? p.revents : 0;
+}
+
+void sleep_us(long long us) {
+    if (us <= 0) return;
+    timespec ts{static_cast<time_t>(us / 1000000), static_cast<long>(us % 1000000) * 1000};
+    while (nanosleep(&ts, &ts) < 0 && errno == EINTR) {
+    }
+}
+
+// Writes on a descriptor that may be blocking (the terminal's own line in
+// auxiliary mode) must not block: the descriptor is switched to
+// non-blocking for the duration of the write and restored afterwards.
+class NonBlocking {
+public:
+    explicit NonBlocking(int fd) : fd_(fd) {
+        flags_ = ::fcntl(fd, F_GETFL);
+        if (flags_ >= 0 && !(flags_ & O_NONBLOCK)) {
+            changed_ = ::fcntl(fd, F_SETFL, flags_ | O_NONBLOCK) == 0;
+        }
+    }
+    ~NonBlocking() {
+        if (changed_) ::fcntl(fd_, F_SETFL, flags_);
+    }
+    NonBlocking(const NonBlocking&) = delete;
+    NonBlocking& operator=(const NonBlocking&) = delete;
+
+private:
+    int fd_;
+    int flags_ = -1;
+    bool changed_ = false;
+};
+
+enum class Stop { none, first_above_3f };
+
+// The common read loop of rcv_buf and rcv_buf_100s.
+int read_loop(int fd, std::span<uint8_t> buf, int timeout_s, Stop stop) {
+    if (buf.empty() || fd < 0) return 0;
+    Deadline deadline(timeout_s);
+    std::size_t got = 0;
+    bool first = true;
+    while (got < buf.size()) {
+        if (!first && deadline.expired()) break;
+        first = false;
+        const short ev = wait_readable(fd, deadline.remaining_ms());
+        if (ev & POLLNVAL) break;
+        if (ev == 0) continue;
+        const ssize_t n = ::read(fd, buf.data() + got, buf.size() - got);
+        if (n > 0) {
+            if (stop == Stop::first_above_3f) {
+                for (std::size_t i = got; i < got + static_cast<std::size_t>(n); ++i) {
+                    if (buf[i] > 0x3F) return static_cast<int>(i + 1);
+                }
+            }
+            got += static_cast<std::size_t>(n);
+            continue;
+        }
+        if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+        if (n < 0 && errno == EBADF) break;
+        // Readable but nothing to read (the line hung up): pace the retries.
+        sleep_us(std::min<long long>(pacing_us(static_cast<long>(buf.size() - got)),
+                                     deadline.remaining_ms() * 1000));
+    }
+    return static_cast<int>(got);
+}
+
+// Reads single bytes until one of the heads arrives; true when it did.
+bool find_head(int fd, uint8_t& found, uint8_t head_a, uint8_t head_b, int timeout_s,
+               long idle_us) {
+    if (fd < 0) return false;
+    Deadline deadline(timeout_s);
+    bool first = true;
+    for (;;) {
+        if (!first && deadline.expired()) return false;
+        first = false;
+        const short ev = wait_readable(fd, deadline.remaining_ms());
+        if (ev & POLLNVAL) return false;
+        if (ev == 0) continue;
+        uint8_t c = 0;
+        const ssize_t n = ::read(fd, &c, 1);
+        if (n == 1) {
+            if (c == head_a || c == head_b) {
+                found = c;
+                return true;
+            }
+            continue;
+        }
+        if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+        if (n < 0 && errno == EBADF) return false;
+        sleep_us(std::min<long long>(idle_us, deadline.remaining_ms() * 1000));
+    }
+}
+
+}  // namespace
+
+long pacing_us(long missing) {
+    if (missing < 0) missing = 0;
+    long long us = static_cast<long long>(missing) * 8 * 1000000 / ibaud;
+    us = std::min<long long>(us, 1000000);
+    us = std::max<long long>(us, 2000);
+    return static_cast<long>(us / 2);
+}
+
+int write_buf(int fd, std::span<const uint8_t> buf, int timeout_s) {
+    if (buf.empty() || fd < 0) return 0;
+    NonBlocking nb(fd);
+    Deadline deadline(timeout_s);
+    std::size_t done = 0;
+    for (;;) {
+        const ssize_t n = ::write(fd, buf.data() + done, buf.size() - done);
+        if (n > 0) done += static_cast<std::size_t>(n);
+        if (done >= buf.size()) break;
+        if (n < 0 && errno != EAGAIN && errno != EINTR) break;
+        if (deadline.expired()) break;
+        // After a partial write wait (at most 200 ms) for room on the line.
+        pollfd p{fd, POLLOUT, 0};
+        ::poll(&p, 1, poll_ms(std::min<long long>(200, deadline.remaining_ms())));
+    }
+    return static_cast<int>(done);
+}
+
+int rcv_buf(int fd, std::span<uint8_t> buf, int timeout_s) {
+    return read_loop(fd, buf, timeout_s, Stop::none);
+}
+
+int rcv_buf_100s(int fd, std::span<uint8_t> buf, int timeout_s) {
+    return read_loop(fd, buf, timeout_s, Stop::first_above_3f);
+}
+
+int rcv_from_head(int fd, std::span<uint8_t> buf, uint8_t head, int timeout_s) {
+    if (buf.empty()) return 0;
+    uint8_t found = 0;
+    if (!find_head(fd, found, head, head, timeout_s, 200)) return -1;
+    buf[0] = found;
+    return 1 + rcv_buf(fd, buf.subspan(1), timeout_s);
+}
+
+int rcv_from_2heads(int fd, std::span<uint8_t> buf, uint8_t head_a, uint8_t head_b, int timeout_s) {
+    if (buf.empty()) return 0;
+    uint8_t found = 0;
+    if (!find_head(fd, found, head_a, head_b, timeout_s, 300000)) return -1;
+    buf[0] = found;
+    return 1 + rcv_buf(fd, buf.subspan(1), timeout_s);
+}
+
+int clear_com_buf(int fd) {
+    if (fd < 0) return 0;
+    const long long start = now_ms(CLOCK_MONOTONIC);
+    uint8_t scratch[255];
+    long long wait = 0;  // the first read takes only what is there
+    for (;;) {
+        const short ev = wait_readable(fd, wait);
+        if (!(ev & (POLLIN | POLLHUP | POLLERR))) return 0;
+        const ssize_t n = ::read(fd, scratch, sizeof scratch);
+        if (n <= 0) return 0;
+        if (now_ms(CLOCK_MONOTONIC) - start > 5000) return -1;
+        wait = 200;  // data came: look again within 200 ms
+    }
+}
+
+int select_fd(int fd, int mode, double seconds) {
+    if (std::isnan(seconds) || seconds <= -1.0) return -1;
+    if (fd < 0) return -1;
+    const double whole = std::min(std::trunc(seconds), 1.0e9);
+    timespec ts{static_cast<time_t>(whole), 0};
+    pollfd p{fd, 0, 0};
+    if (mode & 1) p.events |= POLLIN;
+    if (mode & 2) p.events |= POLLOUT;
+    if (p.events == 0) {
+        while (nanosleep(&ts, &ts) < 0 && errno == EINTR) {
+        }
+        return 0;
+    }
+    const int r = ::ppoll(&p, 1, &ts, nullptr);
+    if (r <= 0) return r;
+    if (p.revents & POLLNVAL) return -1;
+    int ready = 0;
+    // A hang-up or error makes the descriptor count as readable, as select does.
+    if ((mode & 1) && (p.revents & (POLLIN | POLLHUP | POLLERR))) ++ready;
+    if ((mode & 2) && (p.revents & (POLLOUT | POLLERR))) ++ready;
+    return ready;
+}
+
+int write_wrapped(std::span<const uint8_t> block, int timeout_s) {
+    return write_wrapped_fd(state().fd, block, timeout_s);
+}
+
+int write_wrapped_fd(int fd, std::span<const uint8_t> block, int timeout_s) {
+    LinkState& s = state();
+    const std::string_view lead = seq_text(s.aux_lead);
+    const std::string_view end = seq_text(s.aux_end);
+    write_buf(fd, std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(lead.data()), lead.size()), 2);
+    const int n = write_buf(fd, block, timeout_s);
+    write_buf(fd, std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(end.data()), end.size()), 2);
+    return n;
+}
+
+void wait_for_data(int fd, long long ms) {
+    if (fd < 0 || ms <= 0) return;
+    wait_readable(fd, ms);
+}
+
+void write_text(std::string_view text) {
+    if (text.empty()) return;
+    write_buf(state().fd,
+              std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(text.data()), text.size()), 2);
+}
+
+}  // namespace kolt::link
+
+// ---------------------------------------------------------------------------
+// C interface.
+
+using namespace kolt;
+
+namespace {
+template <class T>
+std::span<T> span_of(T* p, int32_t len) {
+    if (p == nullptr || len <= 0) return {};
+    return std::span<T>(p, static_cast<std::size_t>(len));
+}
+}  // namespace
+
+extern "C" {
+
+KOLT_API int32_t KOLT_SendData(int32_t fd, const uint8_t* buf, int32_t len) {
+    if (buf == nullptr || len < 0) return -1;
+    return static_cast<int32_t>(::write(fd, buf, static_cast<std::size_t>(len)));
+}
+
+KOLT_API int32_t KOLT_ReceiveData(int32_t fd, uint8_t* buf, int32_t len) {
+    if (buf == nullptr || len < 0) return -1;
+    pollfd p{fd, POLLIN, 0};
+    if (::poll(&p, 1, 0) <= 0) return 0;  // nothing there: never block
+    return static_cast<int32_t>(::read(fd, buf, static_cast<std::size_t>(len)));
+}
+
+KOLT_API int32_t select_fd(int32_t fd, int32_t mode, double seconds) {
+    return link::select_fd(fd, mode, seconds);
+}
+
+KOLT_API int32_t KOLT_writeBuf(int32_t fd, const uint8_t* buf, int32_t len, int32_t timeoutSec) {
+    return link::write_buf(fd, span_of(buf, len), timeoutSec);
+}
+
+KOLT_API int32_t KOLT_rcvBuf(int32_t fd, uint8_t* buf, int32_t len, int32_t timeoutSec) {
+    return link::rcv_buf(fd, span_of(buf, len), timeoutSec);
+}
+
+KOLT_API int32_t KOLT_rcvBuf100s(int32_t fd, uint8_t* buf, int32_t len, int32_t timeoutSec) {
+    return link::rcv_buf_100s(fd, span_of(buf, len), timeoutSec);
+}
+
+KOLT_API int32_t KOLT_rcvBufFromHeadByte(int32_t fd, uint8_t* buf, int32_t len, uint8_t head,
+                                         int32_t timeoutSec) {
+    return link::rcv_from_head(fd, span_of(buf, len), head, timeoutSec);
+}
+
+KOLT_API int32_t KOLT_rcvBufFrom2DisHeadByte(int32_t fd, uint8_t* buf, int32_t len, uint8_t headA,
+                                             uint8_t headB, int32_t timeoutSec) {
+    return link::rcv_from_2heads(fd, span_of(buf, len), headA, headB, timeoutSec);
+}
+
+KOLT_API int32_t KOLT_clearComBuf(int32_t fd) { return link::clear_com_buf(fd); }
+
+}  // extern "C"

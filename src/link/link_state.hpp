@@ -1,0 +1,67 @@
+// Process-wide state of the device link: one link per process, used by
+// every device operation from one thread at a time.
+#pragma once
+
+#include <termios.h>
+#include <sys/ioctl.h>
+
+#include <cstddef>
+#include <cstring>
+#include <string_view>
+
+#include "kolt/kolt.h"
+
+namespace kolt::link {
+
+// Size of each escape-sequence buffer (and of ExtendCmd).
+inline constexpr std::size_t kSeqSize = 255;
+
+struct LinkState {
+    // Descriptor of the link: 0 (the terminal itself) until a local port or
+    // a named terminal device is opened; never reset after a close.
+    int fd = 0;
+    // A terminal device this library opened by name in auxiliary mode. It
+    // stays open after the link is closed (the descriptor is never reset)
+    // and is closed when a later open replaces it.
+    int owned_tty = -1;
+
+    termios oldtio{};      // saved settings of a local port
+    termios newtio{};      // working settings of a local port
+    termio oterm_attr{};   // saved terminal line settings (auxiliary mode)
+    termio term_attr{};    // working terminal line settings (auxiliary mode)
+
+    char open_aux_cmd[kSeqSize]{};
+    char close_aux_cmd[kSeqSize]{};
+    char key_lock_cmd[kSeqSize]{};
+    char key_unlock_cmd[kSeqSize]{};
+    char aux_lead[kSeqSize]{};
+    char aux_end[kSeqSize]{};
+    char ExtendCmd[kSeqSize]{};  // pass-through command written by connect
+};
+
+// The one link of the process.
+LinkState& state();
+
+// Text held in a sequence buffer (never reads past its end).
+inline std::string_view seq_text(const char (&buf)[kSeqSize]) {
+    return std::string_view(buf, strnlen(buf, kSeqSize));
+}
+
+// Copies text into a sequence buffer, cut to fit with its terminator.
+void set_seq(char (&buf)[kSeqSize], std::string_view text);
+
+// Clears the six escape-sequence buffers.
+void clear_sequences();
+
+// gPortName as text (at most 31 characters are used).
+std::string_view port_name();
+
+// Closes the link descriptor (fd keeps its value) and forgets it as an
+// owned terminal when it was one.
+void close_fd();
+
+// Makes fd the link descriptor; a terminal opened earlier by name that is
+// not fd any more is closed.
+void adopt_fd(int fd, bool owned_tty);
+
+}  // namespace kolt::link

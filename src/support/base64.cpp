@@ -1,0 +1,150 @@
+#include "support/base64.hpp"
+
+#include "kolt/kolt.h"
+
+namespace kolt::base64 {
+namespace {
+
+constexpr char B64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+// Every fourth alphabet character: the last character of a two-byte
+// remainder is chosen by the low nibble of the second byte.
+constexpr char B16[] = "AEIMQUYcgkosw048";
+// Every sixteenth character: the second character of a one-byte remainder
+// is chosen by the low two bits of the byte.
+constexpr char B04[] = "AQgw";
+
+int value_of(uint8_t c) {
+    if (c >= 'A' && c <= 'Z') return c - 'A';
+    if (c >= 'a' && c <= 'z') return c - 'a' + 26;
+    if (c >= '0' && c <= '9') return c - '0' + 52;
+    if (c == '+') return 62;
+    if (c == '/') return 63;
+    return -1;
+}
+
+// The encoder proper; buf must hold the text (and terminator).
+int encode_raw(uint8_t* buf, int len) {
+    const int q = len / 3;
+    const int r = len % 3;
+    uint8_t* rem = buf + 4 * q;
+    if (r == 2) {
+        const uint8_t b0 = buf[3 * q], b1 = buf[3 * q + 1];
+        rem[0] = B64[b0 >> 2];
+        rem[1] = B64[((b0 << 4) & 63) | (b1 >> 4)];
+        rem[2] = B16[b1 & 15];
+        rem[3] = '=';
+        rem[4] = 0;
+    } else if (r == 1) {
+        const uint8_t b0 = buf[3 * q];
+        rem[0] = B64[b0 >> 2];
+        rem[1] = B04[b0 & 3];
+        rem[2] = '=';
+        rem[3] = '=';
+        rem[4] = 0;
+    }
+    // Whole groups from the last to the first: the text of group i covers
+    // bytes 4i..4i+3, which only hold input of groups already encoded.
+    for (int i = q - 1; i >= 0; --i) {
+        const uint8_t b0 = buf[3 * i], b1 = buf[3 * i + 1], b2 = buf[3 * i + 2];
+        uint8_t* o = buf + 4 * i;
+        o[0] = B64[b0 >> 2];
+        o[1] = B64[((b0 & 3) << 4) | (b1 >> 4)];
+        o[2] = B64[((b1 & 15) << 2) | (b2 >> 6)];
+        o[3] = B64[b2 & 63];
+    }
+    return (len + 2) / 3 * 4;
+}
+
+// The decoder proper; buf must have room up to the next multiple of 4.
+int decode_raw(uint8_t* buf, int len) {
+    int g = len / 4;
+    const int r = len % 4;
+    if (r == 1) return 0;
+    if (r != 0) {
+        for (int i = len; i < (g + 1) * 4; ++i) buf[i] = '=';
+        ++g;
+    }
+    int stop = 0;
+    for (int i = 0; i < g; ++i) {
+        int v[4] = {0, 0, 0, 0};
+        int group_stop = -1;
+        for (int j = 0; j < 4; ++j) {
+            const int x = value_of(buf[4 * i + j]);
+            if (x < 0) {
+                group_stop = j;
+                break;
+            }
+            v[j] = x;
+        }
+        if (group_stop >= 0) stop = group_stop;
+        uint8_t* o = buf + 3 * i;
+        const uint8_t b0 = static_cast<uint8_t>((v[0] << 2) | (v[1] >> 4));
+        const uint8_t b1 = static_cast<uint8_t>(((v[1] & 15) << 4) | (v[2] >> 2));
+        const uint8_t b2 = static_cast<uint8_t>(((v[2] & 3) << 6) | v[3]);
+        if (group_stop == 2) {
+            o[0] = b0;
+            o[1] = 0;
+        } else if (group_stop == 3) {
+            o[0] = b0;
+            o[1] = b1;
+            o[2] = 0;
+        } else {
+            o[0] = b0;
+            o[1] = b1;
+            o[2] = b2;
+        }
+    }
+    if (stop != 0) return (g - 1) * 3 + stop - 1;
+    return g * 3;
+}
+
+}  // namespace
+
+int encode_in_place(std::span<uint8_t> buf, int len) {
+    if (len < 0) return -1;
+    const size_t need = static_cast<size_t>(encoded_size(len)) + (len % 3 != 0 ? 1 : 0);
+    if (buf.size() < need || buf.size() < static_cast<size_t>(len)) return -1;
+    return encode_raw(buf.data(), len);
+}
+
+int decode_in_place(std::span<uint8_t> buf, int len) {
+    if (len < 0 || buf.size() < static_cast<size_t>(len)) return -1;
+    if (len % 4 == 1) return 0;
+    const size_t need = static_cast<size_t>((len + 3) / 4 * 4);
+    if (buf.size() < need) return -1;
+    return decode_raw(buf.data(), len);
+}
+
+std::string encode(std::span<const uint8_t> bytes) {
+    std::vector<uint8_t> buf(bytes.begin(), bytes.end());
+    const int len = static_cast<int>(bytes.size());
+    buf.resize(static_cast<size_t>(encoded_size(len)) + 1);
+    const int n = encode_in_place(buf, len);
+    return n < 0 ? std::string() : std::string(buf.begin(), buf.begin() + n);
+}
+
+std::vector<uint8_t> decode(std::string_view text) {
+    std::vector<uint8_t> buf(text.begin(), text.end());
+    buf.resize(text.size() + 4);
+    const int n = decode_in_place(buf, static_cast<int>(text.size()));
+    if (n <= 0) return {};
+    buf.resize(static_cast<size_t>(n));
+    return buf;
+}
+
+}  // namespace kolt::base64
+
+extern "C" {
+
+KOLT_API int32_t KOLT_Base64(uint8_t* buf, int32_t len) {
+    if (buf == nullptr || len < 0) return 0;
+    return kolt::base64::encode_in_place(
+        std::span<uint8_t>(buf, static_cast<size_t>(kolt::base64::encoded_size(len)) + 1), len);
+}
+
+KOLT_API int32_t KOLT_UnBase64(uint8_t* buf, int32_t len) {
+    if (buf == nullptr || len < 0) return 0;
+    return kolt::base64::decode_in_place(std::span<uint8_t>(buf, static_cast<size_t>((len + 3) / 4 * 4)), len);
+}
+
+}  // extern "C"

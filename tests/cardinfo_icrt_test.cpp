@@ -1,0 +1,535 @@
+// Card information in the ICRT and STAR_ conventions, end to end through the
+// simulated reader: KOLT_ICRT_GetICCInfo, ICRT_GetICCInfo, STAR_GetInfo,
+// KOLT_DoICType and GetSysDate.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/sim_fixture.hpp"
+#include "common/test_util.hpp"
+#include "emv/tags.hpp"
+#include "kolt/kolt.h"
+#include "kolt_sim/card.hpp"
+
+namespace {
+
+using kolt::sim::Card;
+using kolt::sim::Command;
+using kolt::sim::Fault;
+
+// GBK failure texts as the library writes them.
+const std::string kPortOpenError = "\xB4\xF2\xBF\xAA\xB6\xCB\xBF\xDA\xB4\xED\xCE\xF3";    // 打开端口错误
+const std::string kPowerOnError = "\xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3";            // 卡上电错误
+const std::string kCardInitError = "\xBF\xA8\xB3\xF5\xCA\xBC\xBB\xAF\xB4\xED\xCE\xF3";   // 卡初始化错误
+const std::string kReadRecordError = "\xB6\xC1\xBC\xC7\xC2\xBC\xB4\xED\xCE\xF3";         // 读记录错误
+
+std::string card_path(const std::string& file) {
+    const char* env = std::getenv("KOLT_TEST_SOURCE_DIR");
+    const std::filesystem::path root =
+        env != nullptr ? std::filesystem::path(env) : std::filesystem::path(__FILE__).parent_path().parent_path();
+    return (root / "sim" / "cards" / file).string();
+}
+
+std::shared_ptr<Card> load(const std::string& file) { return Card::from_file(card_path(file)); }
+
+// READ RECORDs (record, SFI) the card received after its last GET
+// PROCESSING OPTIONS: the records of the AFL walk.
+std::vector<std::pair<int, int>> afl_reads(const Card& card) {
+    std::vector<std::pair<int, int>> reads;
+    for (const auto& a : card.apdus()) {
+        if (a.size() >= 2 && a[0] == 0x80 && a[1] == 0xA8) reads.clear();
+        if (a.size() >= 4 && a[0] == 0x00 && a[1] == 0xB2) reads.emplace_back(a[2], a[3] >> 3);
+    }
+    return reads;
+}
+
+// GET DATA tags (t1 t2 as one number) the card received.
+std::vector<int> get_data_tags(const Card& card) {
+    std::vector<int> tags;
+    for (const auto& a : card.apdus())
+        if (a.size() >= 4 && a[0] == 0x80 && a[1] == 0xCA) tags.push_back(a[2] << 8 | a[3]);
+    return tags;
+}
+
+bool sent(const kolt::sim::Simulator& sim, uint8_t cls, uint8_t code) {
+    for (const Command& c : sim.transcript())
+        if (c.cls == cls && c.code == code) return true;
+    return false;
+}
+
+// Answers APDUs from the card, but stays silent to READ RECORD of one SFI
+// (no reply at all: the library's read times out).
+void silence_read_record(kolt::sim::Simulator& sim, std::shared_ptr<Card> card, int sfi) {
+    sim.set_handler(0x32, 0x26, [card, sfi](const Command& c) -> std::optional<kolt::sim::Reply> {
+        const std::span<const uint8_t> apdu(c.data.data() + 1, c.data.size() - 1);
+        if (apdu.size() >= 4 && apdu[0] == 0x00 && apdu[1] == 0xB2 && (apdu[3] >> 3) == sfi) return std::nullopt;
+        return kolt::sim::Reply{0x00, 0x00, card->exchange(apdu)};
+    });
+}
+
+std::string info(int term_type, int port, int ic_type, const char* aid, const char* letters, int* rc) {
+    std::vector<char> out(8192, 0);
+    *rc = KOLT_ICRT_GetICCInfo(term_type, port, ic_type, aid, letters, out.data());
+    return std::string(out.data());
+}
+
+// The reference card's values, as the card profile holds them.
+const std::string kPan = "6299990000001234560";                        // 5A without its F pad
+const std::string kTrack2 = "6299990000001234560D30122201234567890F";  // 57
+const std::string kName = "LI/SIMING";                                 // 5F20
+
+class IcrtInfoTest : public kolt::test::SimTest {};
+
+// ---------------------------------------------------------------------------
+
+TEST_F(IcrtInfoTest, ContactCardMultiLetterRequest) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    int rc = -1;
+    const std::string out = info(0, 1, 0, "", "ABEIJ", &rc);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(out, "A019" + kPan + "B009" + kName + "E038" + kTrack2 + "I006301231" + "J00201");
+    // The card is powered off and the link closed afterwards.
+    EXPECT_TRUE(sent(sim(), 0x32, 0x23));
+}
+
+TEST_F(IcrtInfoTest, WrapperGivesTheSameAnswer) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    std::vector<char> out(4096, 0);
+    EXPECT_EQ(ICRT_GetICCInfo(0, 1, 0, "", "AIJ", out.data()), 0);
+    EXPECT_EQ(std::string(out.data()), "A019" + kPan + "I006301231" + "J00201");
+}
+
+TEST_F(IcrtInfoTest, ContactlessCardMultiLetterRequest) {
+    auto card = load("qpboc_contactless.json");
+    sim().set_contactless_card(card);
+    int rc = -1;
+    const std::string out = info(0, 1, 1, "", "ABDEIJ", &rc);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(out, "A019" "6299990000002468019"
+                   "B013" "WANG/XIAOHONG"
+                   "D018" "990000199205150027"
+                   "E038" "6299990000002468019D29112201234567890F"
+                   "I006" "291130"
+                   "J002" "01");
+    EXPECT_TRUE(sent(sim(), 0x32, 0x24));   // contactless power-on
+    EXPECT_TRUE(sent(sim(), 0x32, 0x25));   // contactless power-off
+    EXPECT_FALSE(sent(sim(), 0x32, 0x22));  // the contact slot is not tried
+}
+
+TEST_F(IcrtInfoTest, AutomaticSlotFallsBackToContactless) {
+    auto card = load("qpboc_contactless.json");
+    sim().set_contactless_card(card);
+    int rc = -1;
+    const std::string out = info(0, 1, 2, "", "AJ", &rc);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(out, "A019" "6299990000002468019" "J002" "01");
+    EXPECT_TRUE(sent(sim(), 0x32, 0x22));
+    EXPECT_TRUE(sent(sim(), 0x32, 0x24));
+    EXPECT_EQ(kolt::emv::ssICType, 255);
+}
+
+TEST_F(IcrtInfoTest, EveryShippedDebitLetterOnTheReferenceCard) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    int rc = -1;
+    const std::string out = info(0, 1, 0, "", "CDFMZ", &rc);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(out, "C00200"
+                   "D018990000198001010012"
+                   "F024" "303030303031323330303030"  // 9F1F text held as hex digits
+                   "M006\xC0\xEE\xCB\xBC\xC3\xF7"     // 9F0B raw bytes
+                   "Z004" "7C00");                    // AIP from the GPO
+}
+
+TEST_F(IcrtInfoTest, WalkStopsOnceEveryLetterIsFound) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    int rc = -1;
+    info(0, 1, 0, "", "ABEIJ", &rc);
+    ASSERT_EQ(rc, 0);
+    // A, I and J come with SFI 2 record 1: SFI 3 is never read.
+    const auto reads = afl_reads(*card);
+    const std::vector<std::pair<int, int>> expected{{1, 1}, {1, 2}};
+    EXPECT_EQ(reads, expected);
+}
+
+TEST_F(IcrtInfoTest, LetterTheCardNeverSuppliesReadsEveryRecord) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    int rc = -1;
+    const std::string out = info(0, 1, 0, "", "AO", &rc);  // 9F13 is in no record
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(out, "A019" + kPan + "O000");
+    const std::vector<std::pair<int, int>> expected{{1, 1}, {1, 2}, {1, 3}};
+    EXPECT_EQ(afl_reads(*card), expected);
+}
+
+TEST_F(IcrtInfoTest, UnknownLettersAreReportedEmpty) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    int rc = -1;
+    const std::string out = info(0, 1, 0, "", "LNY?a", &rc);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(out, "L000N000Y000?000a000");
+}
+
+TEST_F(IcrtInfoTest, EmptyRequestStopsAfterTheFirstRecord) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    int rc = -1;
+    std::vector<char> out(64, 'x');
+    rc = KOLT_ICRT_GetICCInfo(0, 1, 0, "", "", out.data());
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(out[0], '\0');
+    const std::vector<std::pair<int, int>> expected{{1, 1}};
+    EXPECT_EQ(afl_reads(*card), expected);
+}
+
+TEST_F(IcrtInfoTest, HighSfiEntriesAreNeverRead) {
+    auto card = load("afl_high_sfi.json");
+    sim().set_contact_card(card);
+    int rc = -1;
+    const std::string out = info(0, 1, 0, "", "ABJM", &rc);
+    EXPECT_EQ(rc, 0);
+    // B (SFI 11), M and J (SFI 12) are on the card but never read.
+    EXPECT_EQ(out, "A016" "6299990000010065" "B000" "J000" "M000");
+    const std::vector<std::pair<int, int>> expected{{1, 1}};
+    EXPECT_EQ(afl_reads(*card), expected);
+    for (const auto& [record, sfi] : afl_reads(*card)) EXPECT_LT(sfi, 11);
+}
+
+TEST_F(IcrtInfoTest, GetDataTriggerLettersFillOtherSlots) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    int rc = -1;
+    // E fetches 9F79 into G, F fetches 9F77 into H, G fetches 9F78 into K.
+    const std::string out = info(0, 1, 0, "", "EFGHK", &rc);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(out, "E038" + kTrack2 + "F024303030303031323330303030" + "G012000000012345" +
+                       "H012000000100000" + "K012000000050000");
+    const std::vector<int> expected{0x9F79, 0x9F77, 0x9F78};
+    EXPECT_EQ(get_data_tags(*card), expected);
+}
+
+TEST_F(IcrtInfoTest, BalanceLetterAloneFetchesTheSingleLimit) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    int rc = -1;
+    // G alone triggers 9F78 (into K), not 9F79: the balance stays empty and
+    // the whole AFL is read looking for it.
+    const std::string out = info(0, 1, 0, "", "G", &rc);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(out, "G000");
+    const std::vector<int> expected{0x9F78};
+    EXPECT_EQ(get_data_tags(*card), expected);
+    EXPECT_EQ(afl_reads(*card).size(), 3u);
+    EXPECT_EQ(kolt::emv::slot_text(kolt::emv::kEcSingleLimit), "000000050000");
+}
+
+TEST_F(IcrtInfoTest, FailedGetDataIsIgnored) {
+    auto card = Card::from_json(R"({
+      "name": "no_ec", "atr": "3B 02 14 50",
+      "pse": {"sfi": 1, "records": [[{"aid": "F0 4B 4F 4C 54 01 01 31"}]]},
+      "applications": [{
+        "aid": "F0 4B 4F 4C 54 01 01 31",
+        "gpo": {"format": 1, "aip": "7C00", "afl": "08010100"},
+        "records": [{"sfi": 1, "record": 1, "data": {"70": {"57": "6299990000000015D301201F", "5A": "6299990000000015"}}}]
+      }]})");
+    sim().set_contact_card(card);
+    int rc = -1;
+    const std::string out = info(0, 1, 0, "", "AEG", &rc);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(out, "A0166299990000000015E0246299990000000015D301201FG000");
+    EXPECT_EQ(afl_reads(*card).size(), 1u);
+}
+
+TEST_F(IcrtInfoTest, LockedApplicationGivesTenWithData) {
+    auto card = load("app_locked.json");
+    sim().set_contact_card(card);
+    int rc = -1;
+    const std::string out = info(0, 1, 0, "", "AE", &rc);
+    EXPECT_EQ(rc, 10);
+    EXPECT_EQ(out, "A019" "6299990000005550003" "E038" "6299990000005550003D28062201234567890F");
+}
+
+TEST_F(IcrtInfoTest, CandidateListSelectsTheApplication) {
+    auto card = load("directory_two_records.json");
+    sim().set_contact_card(card);
+    // count 1, length 8, the AID of the first application.
+    const char aid[] = "\x01\x08\xF0\x4B\x4F\x4C\x54\x02\x01\x01";
+    int rc = -1;
+    const std::string out = info(0, 1, 0, aid, "A", &rc);
+    EXPECT_EQ(rc, 0);
+    ASSERT_GE(out.size(), 4u);
+    EXPECT_EQ(out.substr(out.size() - 4), "0073");
+}
+
+TEST_F(IcrtInfoTest, NoCardInTheContactSlot) {
+    int rc = -1;
+    const std::string out = info(0, 1, 0, "", "A", &rc);
+    EXPECT_EQ(rc, ICC_Contact_Not_Insert - 10);
+    EXPECT_EQ(out, kCardInitError);
+    EXPECT_TRUE(sent(sim(), 0x32, 0x23));  // power-off still sent
+}
+
+TEST_F(IcrtInfoTest, PowerOnFailure) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    sim().set_status(0x32, 0x22, 0x10, 0x05);  // contact power-on failed
+    int rc = -1;
+    const std::string out = info(0, 1, 0, "", "A", &rc);
+    EXPECT_EQ(rc, -11);
+    EXPECT_EQ(out, kPowerOnError);
+    EXPECT_FALSE(sent(sim(), 0x32, 0x23));  // the card never came up: no power-off
+}
+
+TEST_F(IcrtInfoTest, CardNotAnsweringPowerOn) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    sim().set_status(0x32, 0x22, 0x10, 0x06);  // ICC_No_Response
+    int rc = -1;
+    const std::string out = info(0, 1, 0, "", "A", &rc);
+    EXPECT_EQ(rc, -12 - 10);
+    EXPECT_EQ(out, kCardInitError);
+}
+
+TEST_F(IcrtInfoTest, NoReplyFromTheDevice) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    sim().inject_for(0x32, 0x22, Fault{Fault::NoReply, 0}, 1);
+    int rc = -1;
+    const std::string out = info(0, 1, 0, "", "A", &rc);
+    EXPECT_EQ(rc, -22);
+    EXPECT_EQ(out, kCardInitError);
+    EXPECT_TRUE(card->apdus().empty());
+}
+
+TEST_F(IcrtInfoTest, FailingReadRecord) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    silence_read_record(sim(), card, 2);
+    int rc = -1;
+    const std::string out = info(0, 1, 0, "", "AJ", &rc);
+    EXPECT_EQ(rc, -22);
+    EXPECT_EQ(out, kReadRecordError);
+    EXPECT_TRUE(sent(sim(), 0x32, 0x23));
+}
+
+TEST_F(IcrtInfoTest, SelectionFailureIsInitCodeMinusTen) {
+    auto card = load("gpo_format2.json");
+    sim().set_contact_card(card);
+    int rc = -1;
+    const std::string out = info(0, 1, 0, "", "A", &rc);
+    EXPECT_EQ(rc, -6 - 10);
+    EXPECT_EQ(out, kCardInitError);
+}
+
+TEST_F(IcrtInfoTest, PortThatCannotBeOpened) {
+    std::strcpy(gPortName, "kolt-no-such-device");
+    int rc = -1;
+    const std::string out = info(0, 1, 0, "", "A", &rc);
+    EXPECT_EQ(rc, -21);
+    EXPECT_EQ(out, kPortOpenError);
+}
+
+TEST_F(IcrtInfoTest, LongLetterListIsBounded) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    const std::string letters(4000, 'J');
+    std::vector<char> out(300 * 7, 0);
+    const int rc = KOLT_ICRT_GetICCInfo(0, 1, 0, "", letters.c_str(), out.data());
+    EXPECT_EQ(rc, 0);
+    std::string expected;
+    for (int i = 0; i < KOLT_TAG_LETTERS_MAX; ++i) expected += "J00201";
+    EXPECT_EQ(std::string(out.data()), expected);
+}
+
+// ---------------------------------------------------------------------------
+// The same multi-letter request on every shipped card, each in its own slot
+// (contact cards with IC type 0, contactless cards with IC type 1).
+
+struct ShippedCase {
+    const char* file;
+    bool contactless;
+    int rc;
+    std::string out;
+};
+
+std::string debit_fields(const std::string& pan, const std::string& name, const std::string& track2,
+                         const std::string& expiry, const std::string& sequence) {
+    auto field = [](char letter, const std::string& value) {
+        char head[8];
+        std::snprintf(head, sizeof head, "%c%03d", letter, static_cast<int>(value.size()));
+        return head + value;
+    };
+    return field('A', pan) + field('B', name) + field('E', track2) + field('I', expiry) + field('J', sequence);
+}
+
+const ShippedCase kShipped[] = {
+    {"pboc_debit.json", false, 0, debit_fields(kPan, kName, kTrack2, "301231", "01")},
+    {"qpboc_contactless.json", true, 0,
+     debit_fields("6299990000002468019", "WANG/XIAOHONG", "6299990000002468019D29112201234567890F", "291130", "01")},
+    // Locked: 10, with the data all the same.
+    {"app_locked.json", false, 10,
+     debit_fields("6299990000005550003", "ZHAO/LEI", "6299990000005550003D28062201234567890F", "280630", "01")},
+    // The name (SFI 11) and the sequence number (SFI 12) are never read.
+    {"afl_high_sfi.json", false, 0, "A0166299990000010065B000E0346299990000010065D30012201234567890I006300131J000"},
+    {"candidate_missing.json", false, 0,
+     debit_fields("6299990000010107", "TEST/CARD", "6299990000010107D30012201234567890", "300131", "01")},
+    // The directory's last record decides: application two.
+    {"directory_two_records.json", false, 0,
+     debit_fields("6299990000010081", "TEST/CARD", "6299990000010081D30012201234567890", "300131", "01")},
+    // GPO refused: no AFL, nothing read, yet no error.
+    {"gpo_6985.json", false, 0, "A000B000E000I000J000"},
+    {"gpo_format2.json", false, -6 - 10, kCardInitError},
+    {"contactless_pdol_without_9f66.json", true, -5 - 10, kCardInitError},
+    {"log_format_9f21.json", false, 0,
+     debit_fields("6299990000010057", "TEST/CARD", "6299990000010057D30012201234567890", "300131", "01")},
+    {"log_short.json", false, 0,
+     debit_fields("6299990000010040", "TEST/CARD", "6299990000010040D30012201234567890", "300131", "01")},
+    {"no_log_entry.json", false, 0,
+     debit_fields("6299990000007770005", "SUN/MEI", "6299990000007770005D31022201234567890F", "310228", "01")},
+};
+
+class ShippedCardTest : public kolt::test::SimTest, public ::testing::WithParamInterface<ShippedCase> {};
+
+TEST_P(ShippedCardTest, MultiLetterRequest) {
+    const ShippedCase& c = GetParam();
+    auto card = load(c.file);
+    if (c.contactless) sim().set_contactless_card(card);
+    else sim().set_contact_card(card);
+    int rc = -1;
+    const std::string out = info(0, 1, c.contactless ? 1 : 0, "", "ABEIJ", &rc);
+    EXPECT_EQ(rc, c.rc) << c.file;
+    EXPECT_EQ(out, c.out) << c.file;
+}
+
+INSTANTIATE_TEST_SUITE_P(Cards, ShippedCardTest, ::testing::ValuesIn(kShipped),
+                         [](const ::testing::TestParamInfo<ShippedCase>& info) {
+                             std::string name = std::filesystem::path(info.param.file).stem().string();
+                             for (char& ch : name)
+                                 if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
+                             return name;
+                         });
+
+// ---------------------------------------------------------------------------
+// STAR_GetInfo: terminal type 1 (the teller terminal's auxiliary port),
+// contactless, the port in field 2 and the letters in field 4.
+
+// Puts fd 0 (the terminal line of the auxiliary mode) on a path for the
+// lifetime of the object.
+class StdinOn {
+public:
+    explicit StdinOn(const std::string& path) : saved_(::dup(0)) {
+        const int fd = ::open(path.c_str(), O_RDWR | O_NOCTTY);
+        if (fd >= 0) {
+            ::dup2(fd, 0);
+            ::close(fd);
+        }
+    }
+    ~StdinOn() {
+        ::dup2(saved_, 0);
+        ::close(saved_);
+    }
+
+private:
+    int saved_;
+};
+
+TEST(StarGetInfo, ReturnsZeroWithTheTextWhenThePortCannotBeOpened) {
+    StdinOn null("/dev/null");  // not a terminal: the auxiliary port cannot be set up
+    std::vector<char> out(256, 0);
+    EXPECT_EQ(STAR_GetInfo("x|1|y|AB", out.data()), 0);
+    EXPECT_EQ(std::string(out.data()), kPortOpenError);
+}
+
+TEST(StarGetInfo, ReadsTheContactlessCardThroughTheTerminal) {
+    kolt::sim::Options options;
+    options.terminal.type = 1;
+    options.terminal.port = 2;
+    kolt::test::ScopedSimulator sim(options);
+    auto card = load("qpboc_contactless.json");
+    sim->set_contactless_card(card);
+    StdinOn tty(sim->slave_path());
+    std::vector<char> out(512, 0);
+    EXPECT_EQ(STAR_GetInfo("COM9|2|unused|AIJ", out.data()), 0);
+    EXPECT_EQ(std::string(out.data()), "A019" "6299990000002468019" "I006291130" "J00201");
+    EXPECT_TRUE(sim->terminal_errors().empty());
+    // The terminal's port is switched off again (the close sequence may
+    // still be on its way to the simulated terminal).
+    for (int i = 0; i < 100 && sim->aux_open(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(sim->aux_open());
+}
+
+TEST(StarGetInfo, ReturnsZeroWhenTheCardFails) {
+    kolt::sim::Options options;
+    options.terminal.type = 1;
+    options.terminal.port = 1;
+    kolt::test::ScopedSimulator sim(options);  // no card on the field
+    StdinOn tty(sim->slave_path());
+    std::vector<char> out(512, 0);
+    EXPECT_EQ(STAR_GetInfo("|1||A", out.data()), 0);
+    EXPECT_EQ(std::string(out.data()), kPowerOnError);
+}
+
+TEST(StarGetInfo, OverlongFieldsAreCut) {
+    StdinOn null("/dev/null");
+    std::string input = "x|1|y|" + std::string(5000, 'A');
+    std::vector<char> out(256, 0);
+    EXPECT_EQ(STAR_GetInfo(input.c_str(), out.data()), 0);
+    EXPECT_EQ(std::string(out.data()), kPortOpenError);
+}
+
+// ---------------------------------------------------------------------------
+
+TEST(DoICType, MapsTheSixCodesAndSetsTheFlag) {
+    const int codes[][2] = {{0, 0}, {20, 0}, {1, 255}, {21, 255}, {2, 2}, {22, 2}};
+    for (const auto& c : codes) {
+        int32_t flag = 7;
+        EXPECT_EQ(KOLT_DoICType(c[0], &flag), c[1]) << c[0];
+        EXPECT_EQ(flag, -1) << c[0];
+    }
+}
+
+TEST(DoICType, OtherCodesAreContactAndLeaveTheFlag) {
+    for (int code : {3, -1, 19, 23, 255, 1000}) {
+        int32_t flag = 7;
+        EXPECT_EQ(KOLT_DoICType(code, &flag), 0) << code;
+        EXPECT_EQ(flag, 7) << code;
+    }
+    EXPECT_EQ(KOLT_DoICType(1, nullptr), 255);
+}
+
+TEST(GetSysDate, WritesFourteenDigitsOfLocalTime) {
+    char buf[64];
+    std::memset(buf, 'x', sizeof buf);
+    const std::time_t before = std::time(nullptr);
+    EXPECT_EQ(GetSysDate(buf), 0);
+    const std::time_t after = std::time(nullptr);
+    ASSERT_EQ(std::strlen(buf), 14u);
+    for (int i = 0; i < 14; ++i) EXPECT_TRUE(buf[i] >= '0' && buf[i] <= '9');
+    auto stamp = [](std::time_t t) {
+        std::tm tm{};
+        localtime_r(&t, &tm);
+        char s[32];
+        std::strftime(s, sizeof s, "%Y%m%d%H%M%S", &tm);
+        return std::string(s);
+    };
+    const std::string got(buf);
+    EXPECT_TRUE(got == stamp(before) || got == stamp(after)) << got;
+}
+
+}  // namespace

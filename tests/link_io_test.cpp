@@ -1,0 +1,293 @@
+// Timed read and write primitives of the device link, on a real
+// pseudo-terminal: the test plays the far end on the master side.
+#include <fcntl.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <termios.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kolt/kolt.h"
+#include "link/io.hpp"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+long long ms_since(Clock::time_point t) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count();
+}
+
+// A pseudo-terminal pair: the slave side in raw mode is the link end.
+class Pty {
+public:
+    Pty() {
+        master_ = ::posix_openpt(O_RDWR | O_NOCTTY);
+        if (master_ < 0 || ::grantpt(master_) != 0 || ::unlockpt(master_) != 0) std::abort();
+        slave_path_ = ::ptsname(master_);
+        slave_ = ::open(slave_path_.c_str(), O_RDWR | O_NOCTTY);
+        if (slave_ < 0) std::abort();
+        termios t{};
+        ::tcgetattr(slave_, &t);
+        ::cfmakeraw(&t);
+        t.c_cc[VMIN] = 0;
+        t.c_cc[VTIME] = 0;
+        ::tcsetattr(slave_, TCSANOW, &t);
+    }
+    ~Pty() {
+        if (slave_ >= 0) ::close(slave_);
+        ::close(master_);
+    }
+    int slave() const { return slave_; }
+    int master() const { return master_; }
+
+    void send(const std::string& s) const { ASSERT_EQ(::write(master_, s.data(), s.size()), (ssize_t)s.size()); }
+    // What arrived on the master side within ms.
+    std::string take(int ms = 200) const {
+        std::string got;
+        char buf[512];
+        const auto start = Clock::now();
+        while (ms_since(start) < ms) {
+            pollfd p{master_, POLLIN, 0};
+            if (::poll(&p, 1, 20) > 0) {
+                const ssize_t n = ::read(master_, buf, sizeof buf);
+                if (n > 0) got.append(buf, static_cast<size_t>(n));
+            }
+        }
+        return got;
+    }
+
+private:
+    int master_ = -1;
+    int slave_ = -1;
+    std::string slave_path_;
+};
+
+std::vector<uint8_t> buffer(size_t n) { return std::vector<uint8_t>(n, 0xEE); }
+
+TEST(LinkIo, WriteBufWritesEveryByte) {
+    Pty pty;
+    const std::string text = "0123456789abcdef";
+    EXPECT_EQ(KOLT_writeBuf(pty.slave(), reinterpret_cast<const uint8_t*>(text.data()), 16, 1), 16);
+    EXPECT_EQ(pty.take(), text);
+}
+
+TEST(LinkIo, WriteBufOnBadDescriptorWritesNothing) {
+    const uint8_t b[2] = {1, 2};
+    EXPECT_EQ(KOLT_writeBuf(-1, b, 2, 1), 0);
+}
+
+TEST(LinkIo, RcvBufReturnsAsSoonAsAllBytesArrive) {
+    Pty pty;
+    pty.send("hello");
+    auto buf = buffer(5);
+    const auto start = Clock::now();
+    EXPECT_EQ(KOLT_rcvBuf(pty.slave(), buf.data(), 5, 2), 5);
+    EXPECT_EQ(std::string(buf.begin(), buf.end()), "hello");
+    // Answered on arrival, not at the end of the 2-second wait.
+    EXPECT_LT(ms_since(start), 1000);
+}
+
+TEST(LinkIo, RcvBufCollectsBytesArrivingInPieces) {
+    Pty pty;
+    std::thread far([&] {
+        pty.send("ab");
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        pty.send("cd");
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        pty.send("e");
+    });
+    auto buf = buffer(5);
+    EXPECT_EQ(KOLT_rcvBuf(pty.slave(), buf.data(), 5, 2), 5);
+    far.join();
+    EXPECT_EQ(std::string(buf.begin(), buf.end()), "abcde");
+}
+
+TEST(LinkIo, RcvBufGivesTheShortCountAtTheTimeOut) {
+    Pty pty;
+    pty.send("abc");
+    auto buf = buffer(8);
+    EXPECT_EQ(KOLT_rcvBuf(pty.slave(), buf.data(), 8, 1), 3);
+    EXPECT_EQ(buf[3], 0xEE);  // nothing written past what came
+}
+
+// The time-out counts whole seconds of the wall clock: started half-way
+// through a second, a 1-second wait ends at the next second boundary.
+TEST(LinkIo, TimeoutOfOneSecondMayEndInLessThanASecond) {
+    Pty pty;
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    // Start at about .5 s into a second.
+    long wait_ns = (1500000000L - now.tv_nsec) % 1000000000L;
+    timespec pause{0, wait_ns};
+    nanosleep(&pause, nullptr);
+    timespec started{};
+    clock_gettime(CLOCK_REALTIME, &started);
+    auto buf = buffer(4);
+    const auto start = Clock::now();
+    EXPECT_EQ(KOLT_rcvBuf(pty.slave(), buf.data(), 4, 1), 0);
+    const long long took = ms_since(start);
+    EXPECT_LT(took, 950);
+    // It ended when the seconds field moved on, not before.
+    timespec ended{};
+    clock_gettime(CLOCK_REALTIME, &ended);
+    EXPECT_GE(ended.tv_sec, started.tv_sec + 1);
+}
+
+TEST(LinkIo, TimeoutNeverExceedsItsSeconds) {
+    Pty pty;
+    auto buf = buffer(4);
+    const auto start = Clock::now();
+    EXPECT_EQ(KOLT_rcvBuf(pty.slave(), buf.data(), 4, 2), 0);
+    const long long took = ms_since(start);
+    EXPECT_GE(took, 900);  // at least timeout - 1 seconds
+    EXPECT_LE(took, 2300);
+}
+
+TEST(LinkIo, RcvBuf100sEndsAtTheFirstByteAbove3F) {
+    Pty pty;
+    pty.send("0123A5678");
+    auto buf = buffer(9);
+    EXPECT_EQ(KOLT_rcvBuf100s(pty.slave(), buf.data(), 9, 1), 5);
+    EXPECT_EQ(buf[4], 'A');
+}
+
+TEST(LinkIo, RcvBuf100sReadsNibbleTextToTheEnd) {
+    Pty pty;
+    pty.send("0123456789:;<=>?");
+    auto buf = buffer(16);
+    EXPECT_EQ(KOLT_rcvBuf100s(pty.slave(), buf.data(), 16, 1), 16);
+}
+
+TEST(LinkIo, RcvBufFromHeadByteSkipsToTheHead) {
+    Pty pty;
+    pty.send(std::string("xyz\x02" "abcdEXTRA"));
+    auto buf = buffer(5);
+    EXPECT_EQ(KOLT_rcvBufFromHeadByte(pty.slave(), buf.data(), 5, 0x02, 1), 5);
+    EXPECT_EQ(buf[0], 0x02);
+    EXPECT_EQ(std::string(buf.begin() + 1, buf.end()), "abcd");
+    // The rest stays on the line.
+    auto rest = buffer(5);
+    EXPECT_EQ(KOLT_rcvBuf(pty.slave(), rest.data(), 5, 1), 5);
+    EXPECT_EQ(std::string(rest.begin(), rest.end()), "EXTRA");
+}
+
+TEST(LinkIo, RcvBufFromHeadByteWithoutHeadGivesMinusOne) {
+    Pty pty;
+    pty.send("no head here");
+    auto buf = buffer(5);
+    EXPECT_EQ(KOLT_rcvBufFromHeadByte(pty.slave(), buf.data(), 5, 0x02, 1), -1);
+}
+
+TEST(LinkIo, RcvBufFromHeadByteCountsTheHeadWhenTheRestIsShort) {
+    Pty pty;
+    pty.send(std::string("\x02" "ab"));
+    auto buf = buffer(5);
+    EXPECT_EQ(KOLT_rcvBufFromHeadByte(pty.slave(), buf.data(), 5, 0x02, 1), 3);
+}
+
+TEST(LinkIo, RcvBufFrom2DisHeadByteTakesEitherHead) {
+    {
+        Pty pty;
+        pty.send("zz8600ab");
+        auto buf = buffer(4);
+        EXPECT_EQ(KOLT_rcvBufFrom2DisHeadByte(pty.slave(), buf.data(), 4, '8', '(', 1), 4);
+        EXPECT_EQ(std::string(buf.begin(), buf.end()), "8600");
+    }
+    {
+        Pty pty;
+        pty.send("zz(ABQ");
+        auto buf = buffer(4);
+        EXPECT_EQ(KOLT_rcvBufFrom2DisHeadByte(pty.slave(), buf.data(), 4, '8', '(', 1), 4);
+        EXPECT_EQ(std::string(buf.begin(), buf.end()), "(ABQ");
+    }
+    {
+        Pty pty;
+        pty.send("zzzz");
+        auto buf = buffer(4);
+        EXPECT_EQ(KOLT_rcvBufFrom2DisHeadByte(pty.slave(), buf.data(), 4, '8', '(', 1), -1);
+    }
+}
+
+TEST(LinkIo, ClearComBufDiscardsPendingInput) {
+    Pty pty;
+    pty.send(std::string(600, 'x'));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(KOLT_clearComBuf(pty.slave()), 0);
+    pty.send("Y");
+    auto buf = buffer(4);
+    EXPECT_EQ(KOLT_rcvBuf(pty.slave(), buf.data(), 4, 1), 1);
+    EXPECT_EQ(buf[0], 'Y');
+}
+
+TEST(LinkIo, ClearComBufOnAQuietLineReturnsAtOnce) {
+    Pty pty;
+    const auto start = Clock::now();
+    EXPECT_EQ(KOLT_clearComBuf(pty.slave()), 0);
+    EXPECT_LT(ms_since(start), 1000);
+}
+
+TEST(LinkIo, ClearComBufGivesUpAfterFiveSecondsOfContinuousData) {
+    Pty pty;
+    std::atomic<bool> stop{false};
+    std::thread chatter([&] {
+        const auto start = Clock::now();
+        while (!stop && ms_since(start) < 8000) {
+            (void)!::write(pty.master(), "chatter", 7);
+            std::this_thread::sleep_for(std::chrono::milliseconds(40));
+        }
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(KOLT_clearComBuf(pty.slave()), -1);
+    stop = true;
+    chatter.join();
+}
+
+TEST(LinkIo, SelectFdReportsReadableAndWritable) {
+    Pty pty;
+    EXPECT_EQ(select_fd(pty.slave(), 1, 0.0), 0);
+    EXPECT_EQ(select_fd(pty.slave(), 2, 1.0), 1);
+    pty.send("x");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(select_fd(pty.slave(), 1, 1.0), 1);
+    EXPECT_EQ(select_fd(pty.slave(), 3, 1.0), 2);
+    EXPECT_EQ(select_fd(-1, 1, 1.0), -1);
+}
+
+TEST(LinkIo, SelectFdDropsTheFractionOfTheSeconds) {
+    Pty pty;
+    const auto start = Clock::now();
+    EXPECT_EQ(select_fd(pty.slave(), 1, 0.9), 0);  // waits 0 seconds
+    EXPECT_LT(ms_since(start), 500);
+}
+
+TEST(LinkIo, SendAndReceiveDataArePlainTransfers) {
+    Pty pty;
+    const uint8_t out[3] = {'a', 'b', 'c'};
+    EXPECT_EQ(KOLT_SendData(pty.slave(), out, 3), 3);
+    EXPECT_EQ(pty.take(), "abc");
+    uint8_t in[8] = {};
+    EXPECT_EQ(KOLT_ReceiveData(pty.slave(), in, 8), 0);  // nothing there: no wait
+    pty.send("xy");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(KOLT_ReceiveData(pty.slave(), in, 8), 2);
+}
+
+TEST(LinkIo, ReadPacingIsHalfTheTransferTimeOfTheMissingBytes) {
+    using kolt::link::pacing_us;
+    EXPECT_EQ(pacing_us(0), 1000);        // raised to 2 ms, halved
+    EXPECT_EQ(pacing_us(1), 1000);        // 833 us raised to 2 ms
+    EXPECT_EQ(pacing_us(24), 10000);      // 24 bytes: 20 ms
+    EXPECT_EQ(pacing_us(600), 250000);    // 600 bytes: 500 ms
+    EXPECT_EQ(pacing_us(100000), 500000); // capped at 1 s
+}
+
+}  // namespace

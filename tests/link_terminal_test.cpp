@@ -1,0 +1,213 @@
+// Terminal auxiliary-port mode end to end: the simulator plays the teller
+// terminal in front of the reader, checks the key-lock, open, close and
+// unlock sequences and strips the lead and end around every block.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <thread>
+#include <string>
+#include <vector>
+
+#include "common/sim_fixture.hpp"
+#include "common/test_util.hpp"
+#include "kolt/kolt.h"
+#include "link/link_state.hpp"
+
+namespace {
+
+using kolt::test::ScopedEnv;
+using kolt::test::ScopedSimulator;
+using kolt::test::TempDir;
+using Events = std::vector<std::string>;
+
+kolt::sim::Options terminal(int type, int port, const std::string& ext_file = "") {
+    kolt::sim::Options o;
+    o.terminal.type = type;
+    o.terminal.port = port;
+    o.terminal.ext_file = ext_file;
+    return o;
+}
+
+// The terminal works through what it received in its own thread: give it
+// a moment to catch up with the last sequences written.
+template <class Pred>
+bool settle(Pred pred) {
+    for (int i = 0; i < 200 && !pred(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return pred();
+}
+
+bool closed(kolt::sim::Simulator& sim) {
+    return settle([&] { return !sim.aux_open() && !sim.keyboard_locked(); });
+}
+
+bool port_closed(kolt::sim::Simulator& sim) {
+    return settle([&] { return !sim.aux_open(); });
+}
+
+std::string join(const std::vector<std::string>& v) {
+    std::string s;
+    for (const auto& x : v) s += x + "; ";
+    return s;
+}
+
+// One session: open, the buzzer and a version query, close.
+void session(kolt::sim::Simulator& sim, int type, int port) {
+    ASSERT_EQ(KOLT_initCom(type, sim.slave_path().c_str(), port, ""), 0);
+    EXPECT_TRUE(settle([&] { return sim.keyboard_locked() && sim.aux_open(); }));
+    EXPECT_EQ(KOLT_T41_Buzz(), 0);
+    uint8_t version[KOLT_VERSION_MAX];
+    EXPECT_EQ(KOLT_T41_GetVersion(4, version, 2), 26);
+    EXPECT_EQ(KOLT_freeCom(type, port, ""), 0);
+    EXPECT_TRUE(sim.wait_for_commands(2, 1000));
+    EXPECT_EQ(sim.buzzer_count(), 1);
+    EXPECT_TRUE(closed(sim));
+    EXPECT_TRUE(sim.terminal_errors().empty()) << join(sim.terminal_errors());
+}
+
+const Events kWrapped = {"lock", "open", "lead", "end", "lead", "end", "close", "unlock"};
+
+TEST(LinkTerminal, TypeOne) {
+    ScopedSimulator sim(terminal(1, 1));
+    session(*sim, 1, 1);
+    EXPECT_EQ(sim->terminal_events(), kWrapped);
+}
+
+TEST(LinkTerminal, TypeTwoPortThree) {
+    ScopedSimulator sim(terminal(2, 3));
+    session(*sim, 2, 3);
+    EXPECT_EQ(sim->terminal_events(), kWrapped);
+}
+
+TEST(LinkTerminal, TypeThree) {
+    ScopedSimulator sim(terminal(3, 1));
+    session(*sim, 3, 1);
+    EXPECT_EQ(sim->terminal_events(), kWrapped);
+}
+
+TEST(LinkTerminal, TypeFourHasNoWrapping) {
+    ScopedSimulator sim(terminal(4, 2));
+    session(*sim, 4, 2);
+    EXPECT_EQ(sim->terminal_events(), (Events{"lock", "open", "close", "unlock"}));
+}
+
+TEST(LinkTerminal, TypeFivePortOneClosesTwice) {
+    ScopedSimulator sim(terminal(5, 1));
+    ASSERT_EQ(KOLT_initCom(5, sim->slave_path().c_str(), 1, ""), 0);
+    EXPECT_EQ(KOLT_T41_Buzz(), 0);
+    EXPECT_EQ(KOLT_freeCom(5, 1, ""), 0);
+    EXPECT_TRUE(closed(*sim));
+    EXPECT_TRUE(sim->terminal_errors().empty()) << join(sim->terminal_errors());
+}
+
+TEST(LinkTerminal, TypeFivePortFourClosesWithAnEmptySequence) {
+    ScopedSimulator sim(terminal(5, 4));
+    ASSERT_EQ(KOLT_initCom(5, sim->slave_path().c_str(), 4, ""), 0);
+    EXPECT_EQ(KOLT_T41_Buzz(), 0);
+    EXPECT_EQ(KOLT_freeCom(5, 4, ""), 0);
+    EXPECT_TRUE(closed(*sim));
+    EXPECT_TRUE(sim->terminal_errors().empty()) << join(sim->terminal_errors());
+}
+
+TEST(LinkTerminal, PublicTypeOnThe_ProcessTerminal) {
+    ScopedSimulator sim(terminal(1, 2));
+    const int saved = ::dup(0);
+    const int s = ::open(sim->slave_path().c_str(), O_RDWR | O_NOCTTY);
+    ASSERT_GE(s, 0);
+    ::dup2(s, 0);
+    ::close(s);
+    EXPECT_EQ(IC_initCom(4, 2), 0);  // public type 4 is internal type 1
+    EXPECT_EQ(kolt::link::state().fd, 0);
+    EXPECT_EQ(KOLT_T41_LedOperate(LED_IC, LED_Color_G, LED_Light), 0);
+    EXPECT_EQ(IC_CloseCom(4, 2), 0);
+    EXPECT_TRUE(closed(*sim));
+    EXPECT_EQ(sim->terminal_events(), (Events{"lock", "open", "lead", "end", "close", "unlock"}));
+    EXPECT_TRUE(sim->terminal_errors().empty()) << join(sim->terminal_errors());
+    ::dup2(saved, 0);
+    ::close(saved);
+}
+
+const char* kExtFile =
+    "[TERM_51_KOLT510QX]\n"
+    "OPEN_COM1=\\033[/50h\n"
+    "CLOSE_COM1=\\033[/50l\n"
+    "LOCK_KEY=1B5B3268\n"
+    "UNLOCK_KEY=1B5B326C\n"
+    "CMD_BEGIN=\\033[/51h\n"
+    "CMD_END=\\033[/51l\n"
+    "[TRANSFER_51_KOLT510QX]\n"
+    "OPEN_PORTA=1B2541\n"
+    "OPEN_PORTB=1B2542\n";
+
+TEST(LinkTerminal, TypeFromTheTerminalCommandFile) {
+    TempDir dir;
+    const std::string path = dir.write("lxbs/font/idcread.ext", kExtFile);
+    ScopedEnv env("DCCHOME", dir.str());
+    ScopedSimulator sim(terminal(51, 1, path));
+    session(*sim, 51, 1);
+    EXPECT_EQ(sim->terminal_events(), kWrapped);
+}
+
+TEST(LinkTerminal, ConnectWithPassThroughPortOfTypeOne) {
+    ScopedSimulator sim(terminal(1, 1));
+    EXPECT_EQ(KOLT_connectDevice(sim->slave_path().c_str(), "1", "1", "1", "A"), 0);
+    EXPECT_EQ(std::string(kolt::link::seq_text(kolt::link::state().ExtendCmd)), "\x1b%A");
+    EXPECT_EQ(KOLT_disconnectDevice("1", "1"), 0);
+    EXPECT_TRUE(port_closed(*sim));
+    // Disconnect closes the port but leaves the keyboard as it is.
+    EXPECT_EQ(sim->terminal_events(),
+              (Events{"lock", "open", "transfer", "lead", "end", "lead", "end", "close"}));
+    EXPECT_TRUE(sim->terminal_errors().empty()) << join(sim->terminal_errors());
+    EXPECT_TRUE(sim->keyboard_locked());
+}
+
+TEST(LinkTerminal, ConnectWithoutPassThroughPort) {
+    ScopedSimulator sim(terminal(3, 2));
+    // Type 3 has no pass-through ports: nothing is written for them.
+    EXPECT_EQ(KOLT_connectDevice(sim->slave_path().c_str(), "3", "2", "3", "A"), 0);
+    EXPECT_EQ(KOLT_disconnectDevice("3", "2"), 0);
+    EXPECT_TRUE(port_closed(*sim));
+    EXPECT_EQ(sim->terminal_events(), (Events{"lock", "open", "lead", "end", "lead", "end", "close"}));
+    EXPECT_TRUE(sim->terminal_errors().empty()) << join(sim->terminal_errors());
+}
+
+TEST(LinkTerminal, ConnectWithPassThroughPortFromTheFile) {
+    TempDir dir;
+    const std::string path = dir.write("lxbs/font/idcread.ext", kExtFile);
+    ScopedEnv env("DCCHOME", dir.str());
+    ScopedSimulator sim(terminal(51, 1, path));
+    EXPECT_EQ(KOLT_connectDevice(sim->slave_path().c_str(), "51", "1", "51", "2"), 0);
+    EXPECT_EQ(std::string(kolt::link::seq_text(kolt::link::state().ExtendCmd)), "\x1b%B");
+    EXPECT_EQ(KOLT_disconnectDevice("51", "1"), 0);
+    EXPECT_TRUE(port_closed(*sim));
+    EXPECT_EQ(sim->terminal_events(),
+              (Events{"lock", "open", "transfer", "lead", "end", "lead", "end", "close"}));
+    EXPECT_TRUE(sim->terminal_errors().empty()) << join(sim->terminal_errors());
+}
+
+TEST(LinkTerminal, AuxDisconnectAcceptsAnyPositiveLength) {
+    auto o = terminal(1, 1);
+    o.profile.disconnect = {0x90, 0x00};
+    ScopedSimulator sim(o);
+    ASSERT_EQ(KOLT_connectDevice(sim->slave_path().c_str(), "1", "1", "", ""), 0);
+    EXPECT_EQ(KOLT_disconnectDevice("1", "1"), 0);
+}
+
+TEST(LinkTerminal, AuxDisconnectWithoutAnswerFails) {
+    ScopedSimulator sim(terminal(1, 1));
+    ASSERT_EQ(KOLT_connectDevice(sim->slave_path().c_str(), "1", "1", "", ""), 0);
+    sim->inject_for(0, 0x42, kolt::sim::Fault{kolt::sim::Fault::BadCheck});
+    EXPECT_EQ(KOLT_disconnectDevice("1", "1"), -1);
+    EXPECT_TRUE(port_closed(*sim));
+}
+
+TEST(LinkTerminal, ConnectFailures) {
+    ScopedSimulator sim(terminal(1, 1));
+    EXPECT_EQ(KOLT_connectDevice("/dev/kolt-no-such-tty", "1", "1", "", ""), -1);
+    EXPECT_EQ(KOLT_connectDevice(sim->slave_path().c_str(), "6", "1", "", ""), -1);
+}
+
+}  // namespace

@@ -1,0 +1,178 @@
+// Fault injection and pacing of the simulated reader.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "common/sim_fixture.hpp"
+#include "kolt_sim/frame.hpp"
+#include "kolt_sim/simulator.hpp"
+
+using namespace kolt::sim;
+using kolt::test::RawLine;
+using kolt::test::stx_etx;
+using kolt::test::text_bytes;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+const Bytes kOk = stx_etx("0002000000");
+const Bytes kRfOn = encode_main_command(0x38, 0x97, {});
+
+class SimFault : public ::testing::Test {
+protected:
+    void SetUp() override {
+        sim = std::make_unique<Simulator>(options());
+        sim->start();
+        line = std::make_unique<RawLine>(sim->slave_path());
+    }
+    virtual Options options() const { return {}; }
+
+    Bytes rf_on() {
+        line->write(kRfOn);
+        return line->read_until(0x03, 1500);
+    }
+
+    std::unique_ptr<Simulator> sim;
+    std::unique_ptr<RawLine> line;
+};
+
+class SimPaced : public SimFault {
+protected:
+    Options options() const override {
+        Options o;
+        o.pace = true;
+        return o;
+    }
+};
+
+}  // namespace
+
+TEST_F(SimFault, NoReplyForTheNextCommandOnly) {
+    sim->inject(Fault{Fault::NoReply});
+    line->write(kRfOn);
+    EXPECT_TRUE(line->read_for(300).empty());
+    EXPECT_EQ(sim->transcript().size(), 1u);  // received, just not answered
+    EXPECT_EQ(rf_on(), kOk);
+}
+
+TEST_F(SimFault, BadCheck) {
+    sim->inject(Fault{Fault::BadCheck});
+    // Check 00 XOR 01: the check pair reads "01".
+    EXPECT_EQ(rf_on(), stx_etx("0002000001"));
+    EXPECT_EQ(rf_on(), kOk);
+}
+
+TEST_F(SimFault, BadCheckOnTheSpecialReply) {
+    sim->set_id_answer(Bytes{0x01, 0x02, 0x03});
+    sim->inject_for(0x35, 0x82, Fault{Fault::BadCheck});
+    line->write(encode_main_command(0x35, 0x82, {}));
+    const Bytes wire = line->read_until(0x03, 1500);
+    EXPECT_EQ(wire, stx_etx("0008AAABAgM=54"));
+    EXPECT_FALSE(decode_special_reply(wire));
+}
+
+TEST_F(SimFault, Truncate) {
+    sim->inject(Fault{Fault::Truncate});
+    line->write(kRfOn);
+    EXPECT_EQ(line->read_for(300), Bytes(kOk.begin(), kOk.begin() + 6));
+    EXPECT_EQ(rf_on(), kOk);
+}
+
+TEST_F(SimFault, GarbageBefore) {
+    sim->inject(Fault{Fault::GarbageBefore});
+    const Bytes got = rf_on();
+    ASSERT_GT(got.size(), kOk.size());
+    EXPECT_EQ(Bytes(got.end() - static_cast<long>(kOk.size()), got.end()), kOk);
+    for (size_t i = 0; i + kOk.size() < got.size(); ++i) {
+        EXPECT_NE(got[i], 0x02);
+        EXPECT_NE(got[i], '(');
+        EXPECT_NE(got[i], '8');
+    }
+}
+
+TEST_F(SimFault, LengthTooLong) {
+    sim->inject(Fault{Fault::LengthTooLong});
+    // Length 2 + 4 = 6; the rest (and the check, which excludes the length) unchanged.
+    EXPECT_EQ(rf_on(), stx_etx("0006000000"));
+}
+
+TEST_F(SimFault, LengthTooLongOnBracketReply) {
+    sim->inject_for(0x00, 0x41, Fault{Fault::LengthTooLong});
+    line->write(std::string("(AAQAEA)"));
+    const Bytes got = line->read_until(')', 1500);
+    ASSERT_GE(got.size(), 4u);
+    // 20 + 4 = 24, base64 of 00 18 is "ABg=".
+    EXPECT_EQ(std::string(got.begin(), got.begin() + 4), "(ABg");
+    EXPECT_FALSE(decode_bracket(got));
+}
+
+TEST_F(SimFault, Delay) {
+    sim->inject(Fault{Fault::Delay, 400});
+    line->write(kRfOn);
+    EXPECT_TRUE(line->read_for(150).empty());
+    EXPECT_EQ(line->read_until(0x03, 2000), kOk);
+}
+
+TEST_F(SimFault, CloseMidFrameThenTheLineComesBack) {
+    sim->inject(Fault{Fault::CloseMidFrame, 400});
+    line->write(kRfOn);
+    EXPECT_EQ(line->read_for(150), Bytes(kOk.begin(), kOk.begin() + 6));
+    // While the line is dead, commands are lost.
+    line->write(kRfOn);
+    EXPECT_TRUE(line->read_for(100).empty());
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    EXPECT_EQ(rf_on(), kOk);
+    EXPECT_TRUE(sim->running());
+}
+
+TEST_F(SimFault, InjectForOneCommandLeavesOthersAlone) {
+    sim->inject_for(0x31, 0x13, Fault{Fault::NoReply}, 2);
+    EXPECT_EQ(rf_on(), kOk);
+    line->write(encode_main_command(0x31, 0x13, Bytes{0x02, 0x01, 0x01}));
+    EXPECT_TRUE(line->read_for(200).empty());
+    EXPECT_EQ(rf_on(), kOk);
+    line->write(encode_main_command(0x31, 0x13, Bytes{0x02, 0x01, 0x01}));
+    EXPECT_TRUE(line->read_for(200).empty());
+    line->write(encode_main_command(0x31, 0x13, Bytes{0x02, 0x01, 0x01}));
+    EXPECT_EQ(line->read_until(0x03, 1500), kOk);
+}
+
+TEST_F(SimFault, CountAndForever) {
+    sim->inject(Fault{Fault::BadCheck}, 2);
+    EXPECT_NE(rf_on(), kOk);
+    EXPECT_NE(rf_on(), kOk);
+    EXPECT_EQ(rf_on(), kOk);
+    sim->inject(Fault{Fault::BadCheck}, -1);
+    for (int i = 0; i < 3; ++i) EXPECT_NE(rf_on(), kOk);
+    sim->clear_faults();
+    EXPECT_EQ(rf_on(), kOk);
+}
+
+TEST_F(SimFault, BadCheckOnGreeting) {
+    sim->inject(Fault{Fault::BadCheck});
+    line->write(std::string("(AAQAEA)"));
+    const Bytes got = line->read_until(')', 1500);
+    EXPECT_EQ(got.size(), 24u);
+    EXPECT_FALSE(decode_bracket(got));
+}
+
+TEST_F(SimFault, FaultOnProbeReply) {
+    sim->inject_for(0x00, 0x00, Fault{Fault::NoReply});
+    line->write(std::string(kProbe));
+    EXPECT_TRUE(line->read_for(300).empty());
+    line->write(std::string(kProbe));
+    EXPECT_EQ(line->read_until(')', 1500), text_bytes("(ABQAkABLTDU2MFQ0MQE=Tg)"));
+}
+
+TEST_F(SimPaced, RepliesAtNineThousandSixHundredBaud) {
+    sim->set_id_answer(Bytes(60, 0x41));  // 62-byte body, 84 base64 characters
+    const auto start = Clock::now();
+    line->write(encode_main_command(0x35, 0x82, {}));
+    const Bytes got = line->read_until(0x03, 2000);
+    const auto took = Clock::now() - start;
+    ASSERT_EQ(got.size(), 92u);
+    EXPECT_TRUE(decode_special_reply(got));
+    // 92 bytes of 10 bits each take at least 95 ms on the line.
+    EXPECT_GE(took, std::chrono::milliseconds(90));
+}

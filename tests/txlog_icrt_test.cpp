@@ -1,0 +1,526 @@
+// Transaction log in the ICRT, STAR_ and IC_GetTranDeta conventions, end to
+// end through the simulated reader: KOLT_ICRT_GetTrDetail, ICRT_GetTxDetail,
+// ICRT_GetTrDetail, STAR_GetTxDetail and IC_GetTranDeta.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/sim_fixture.hpp"
+#include "common/test_util.hpp"
+#include "kolt/kolt.h"
+#include "kolt_sim/card.hpp"
+
+namespace {
+
+using kolt::sim::Card;
+using kolt::sim::Command;
+using kolt::sim::ProfileCard;
+
+const std::string kPortOpenError = "\xB4\xF2\xBF\xAA\xB6\xCB\xBF\xDA\xB4\xED\xCE\xF3";    // 打开端口错误
+const std::string kPowerOnError = "\xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3";            // 卡上电错误
+const std::string kReadRecordError = "\xB6\xC1\xBC\xC7\xC2\xBC\xB4\xED\xCE\xF3";         // 读记录错误
+const std::string kNoLogEntry =                                                           // 没有交易记录文件入口
+    "\xC3\xBB\xD3\xD0\xBD\xBB\xD2\xD7\xBC\xC7\xC2\xBC\xCE\xC4\xBC\xFE\xC8\xEB\xBF\xDA";
+const std::string kLogFormatError =                                                       // 获取交易记录格式错误
+    "\xBB\xF1\xC8\xA1\xBD\xBB\xD2\xD7\xBC\xC7\xC2\xBC\xB8\xF1\xCA\xBD\xB4\xED\xCE\xF3";
+
+std::string card_path(const std::string& file) {
+    const char* env = std::getenv("KOLT_TEST_SOURCE_DIR");
+    const std::filesystem::path root =
+        env != nullptr ? std::filesystem::path(env) : std::filesystem::path(__FILE__).parent_path().parent_path();
+    return (root / "sim" / "cards" / file).string();
+}
+
+std::shared_ptr<ProfileCard> load(const std::string& file) { return ProfileCard::load_file(card_path(file)); }
+
+// READ RECORDs (record, SFI) the card received.
+std::vector<std::pair<int, int>> reads_of_sfi(const Card& card, int sfi) {
+    std::vector<std::pair<int, int>> reads;
+    for (const auto& a : card.apdus())
+        if (a.size() >= 4 && a[0] == 0x00 && a[1] == 0xB2 && (a[3] >> 3) == sfi) reads.emplace_back(a[2], sfi);
+    return reads;
+}
+
+bool sent(const kolt::sim::Simulator& sim, uint8_t cls, uint8_t code) {
+    for (const Command& c : sim.transcript())
+        if (c.cls == cls && c.code == code) return true;
+    return false;
+}
+
+// One formatted record: letter, three-digit length and value for amount,
+// other amount, currency, date, type, time, country, merchant (20
+// characters) and ATC (decimal).
+std::string record(const std::string& amount, const std::string& date, const std::string& type,
+                   const std::string& time, std::string merchant, int atc) {
+    merchant.resize(20, ' ');
+    char x[8];
+    std::snprintf(x, sizeof x, "%04d", atc);
+    return "P012" + amount + "Q012000000000000" + "R0040156" + "S006" + date + "T002" + type + "U006" + time +
+           "V0040156" + "W020" + merchant + "X004" + x;
+}
+
+// The log of the reference card, oldest first.
+const std::vector<std::string> kDebitLog = {
+    record("000000010000", "250301", "00", "101530", "KOLT TEST SHOP 01", 0x17),
+    record("000000002550", "250415", "00", "142205", "KOLT CANTEEN", 0x18),
+    record("000000050000", "250620", "01", "090012", "KOLT BRANCH ATM 7", 0x19),
+    record("000000000899", "251102", "00", "183047", "KOLT BOOKSTORE", 0x1A),
+    record("000000100000", "260114", "60", "111111", "KOLT EC LOAD", 0x1B),
+};
+
+std::string joined(const std::vector<std::string>& records, size_t n) {
+    std::string s;
+    for (size_t i = 0; i < n; ++i) s += records[i];
+    return s;
+}
+
+std::string core(int ic_type, int* rc, const char* aid = "") {
+    std::vector<char> out(KOLT_TXLOG_MAX, 0);
+    *rc = KOLT_ICRT_GetTrDetail(0, 1, ic_type, aid, out.data());
+    return std::string(out.data());
+}
+
+// Answers APDUs from the card but stays silent to READ RECORD of one SFI.
+void silence_read_record(kolt::sim::Simulator& sim, std::shared_ptr<Card> card, int sfi) {
+    sim.set_handler(0x32, 0x26, [card, sfi](const Command& c) -> std::optional<kolt::sim::Reply> {
+        const std::span<const uint8_t> apdu(c.data.data() + 1, c.data.size() - 1);
+        if (apdu.size() >= 4 && apdu[0] == 0x00 && apdu[1] == 0xB2 && (apdu[3] >> 3) == sfi) return std::nullopt;
+        return kolt::sim::Reply{0x00, 0x00, card->exchange(apdu)};
+    });
+}
+
+// A contact card whose log (SFI 11) holds `count` records of the reference
+// layout and whose log entry announces `announced`.
+std::shared_ptr<Card> card_with_log(int count, int announced, const std::string& format = "") {
+    std::string records;
+    for (int i = 0; i < count; ++i) {
+        char r[256];
+        std::snprintf(r, sizeof r,
+                      R"(%s{"9A": "2601%02d", "9F21": "1200%02d", "9F02": "%012d", "9F4E": {"text": "SHOP %d"}, "9C": "00", "9F36": "%04X"})",
+                      i == 0 ? "" : ",", i % 28 + 1, i % 60, (i + 1) * 100, i + 1, i + 1);
+        records += r;
+    }
+    const std::string fmt = format.empty() ? "" : R"("format": ")" + format + R"(", )";
+    return Card::from_json(R"({
+      "name": "custom_log", "atr": "3B 02 14 50",
+      "pse": {"sfi": 1, "records": [[{"aid": "F0 4B 4F 4C 54 01 01 41"}]]},
+      "applications": [{
+        "aid": "F0 4B 4F 4C 54 01 01 41",
+        "gpo": {"format": 1, "aip": "7C00", "afl": "08010100"},
+        "records": [{"sfi": 1, "record": 1, "data": {"70": {"5A": "6299990000000031"}}}],
+        "log": {"sfi": 11, )" + fmt + R"("announced": )" + std::to_string(announced) +
+                           R"(, "records": [)" + records + R"(]}
+      }]})");
+}
+
+class TxLogTest : public kolt::test::SimTest {};
+
+// ---------------------------------------------------------------------------
+// KOLT_ICRT_GetTrDetail and ICRT_GetTxDetail.
+
+TEST_F(TxLogTest, ReadsEveryRecordOfTheReferenceCard) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    int rc = -1;
+    const std::string out = core(0, &rc);
+    EXPECT_EQ(rc, 5);
+    EXPECT_EQ(out, "106" + joined(kDebitLog, 5));
+    const std::vector<std::pair<int, int>> expected{{1, 11}, {2, 11}, {3, 11}, {4, 11}, {5, 11}};
+    EXPECT_EQ(reads_of_sfi(*card, 11), expected);
+    EXPECT_TRUE(sent(sim(), 0x32, 0x23));
+}
+
+TEST_F(TxLogTest, OneRecordLiterally) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    int rc = -1;
+    const std::string out = core(0, &rc);
+    ASSERT_EQ(rc, 5);
+    EXPECT_EQ(out.substr(0, 3 + 106),
+              "106P012000000010000Q012000000000000R0040156S006250301T00200U006101530V0040156"
+              "W020KOLT TEST SHOP 01   X0040023");
+}
+
+TEST_F(TxLogTest, WrapperGivesTheSameAnswer) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    std::vector<char> out(KOLT_TXLOG_MAX, 0);
+    EXPECT_EQ(ICRT_GetTxDetail(0, 1, 0, "", out.data()), 5);
+    EXPECT_EQ(std::string(out.data()), "106" + joined(kDebitLog, 5));
+}
+
+TEST_F(TxLogTest, ContactlessCard) {
+    auto card = load("qpboc_contactless.json");
+    sim().set_contactless_card(card);
+    int rc = -1;
+    const std::string out = core(1, &rc);
+    EXPECT_EQ(rc, 3);
+    ASSERT_EQ(out.size(), 3u + 3 * 106);
+    EXPECT_EQ(out.substr(0, 3 + 106),
+              "106" + record("000000000600", "251201", "00", "080102", "KOLT METRO GATE 3", 6));
+}
+
+TEST_F(TxLogTest, TenAnnouncedThreePresent) {
+    auto card = load("log_short.json");
+    sim().set_contact_card(card);
+    int rc = -1;
+    const std::string out = core(0, &rc);
+    EXPECT_EQ(rc, 3);
+    EXPECT_EQ(out, "106" + joined(kDebitLog, 3));
+    // READ RECORD 4 answered 6A83 and ended the walk.
+    const std::vector<std::pair<int, int>> expected{{1, 11}, {2, 11}, {3, 11}, {4, 11}};
+    EXPECT_EQ(reads_of_sfi(*card, 11), expected);
+}
+
+TEST_F(TxLogTest, FormatBeginningWithDatePassesWhateverFollows) {
+    auto card = Card::from_json(R"({
+      "name": "date_first", "atr": "3B 02 14 50",
+      "pse": {"sfi": 1, "records": [[{"aid": "F0 4B 4F 4C 54 01 01 42"}]]},
+      "applications": [{
+        "aid": "F0 4B 4F 4C 54 01 01 42",
+        "gpo": {"format": 1, "aip": "7C00", "afl": "08010100"},
+        "records": [{"sfi": 1, "record": 1, "data": {"70": {"5A": "6299990000000049"}}}],
+        "log": {"sfi": 11, "format": "9A 03 9F 36 02", "records": ["250301 0017"]}
+      }]})");
+    sim().set_contact_card(card);
+    int rc = -1;
+    const std::string out = core(0, &rc);
+    EXPECT_EQ(rc, 1);
+    // The record is read in the standard layout whatever the card's format.
+    EXPECT_EQ(out, "106P012000000000000Q012000000000000R0040000S006250301T00200U006001700V0040000W020" +
+                       std::string(20, ' ') + "X0040000");
+}
+
+TEST_F(TxLogTest, FormatBeginningWithTimeFails) {
+    auto card = load("log_format_9f21.json");
+    sim().set_contact_card(card);
+    std::vector<char> out(64, 'x');
+    EXPECT_EQ(KOLT_ICRT_GetTrDetail(0, 1, 0, "", out.data()), -23);
+    EXPECT_EQ(out[0], 'x');  // no text
+    EXPECT_TRUE(reads_of_sfi(*card, 12).empty());
+    EXPECT_TRUE(sent(sim(), 0x32, 0x23));
+}
+
+TEST_F(TxLogTest, LogFormatNotAvailable) {
+    auto card = load("pboc_debit.json");
+    card->remove_get_data(0x9F4F);
+    sim().set_contact_card(card);
+    int rc = -1;
+    const std::string out = core(0, &rc);
+    EXPECT_EQ(rc, -23);
+    EXPECT_EQ(out, kLogFormatError);
+    EXPECT_TRUE(sent(sim(), 0x32, 0x23));
+}
+
+TEST_F(TxLogTest, NoLogEntry) {
+    auto card = load("no_log_entry.json");
+    sim().set_contact_card(card);
+    int rc = -1;
+    const std::string out = core(0, &rc);
+    EXPECT_EQ(rc, -10);
+    EXPECT_EQ(out, kNoLogEntry);
+    EXPECT_TRUE(sent(sim(), 0x32, 0x23));
+}
+
+TEST_F(TxLogTest, EmptyLog) {
+    auto card = card_with_log(0, 2);
+    sim().set_contact_card(card);
+    int rc = -1;
+    const std::string out = core(0, &rc);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(out, "000");
+}
+
+TEST_F(TxLogTest, RecordsBeyondTheOutputAreNotRead) {
+    auto card = card_with_log(25, 25);
+    sim().set_contact_card(card);
+    int rc = -1;
+    const std::string out = core(0, &rc);
+    EXPECT_EQ(rc, 19);
+    EXPECT_EQ(out.size(), 3u + 19 * 106);
+    EXPECT_EQ(reads_of_sfi(*card, 11).size(), 19u);
+}
+
+TEST_F(TxLogTest, FailingReadRecord) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    silence_read_record(sim(), card, 11);
+    int rc = -1;
+    const std::string out = core(0, &rc);
+    EXPECT_EQ(rc, Revdata_Error - 22);
+    EXPECT_EQ(out, kReadRecordError);
+    EXPECT_TRUE(sent(sim(), 0x32, 0x23));
+}
+
+TEST_F(TxLogTest, PowerOnFailure) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    sim().set_status(0x32, 0x22, 0x10, 0x05);
+    int rc = -1;
+    const std::string out = core(0, &rc);
+    EXPECT_EQ(rc, -11);
+    EXPECT_EQ(out, kPowerOnError);
+    EXPECT_FALSE(sent(sim(), 0x32, 0x23));
+}
+
+TEST_F(TxLogTest, CardNotAnsweringPowerOn) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    sim().set_status(0x32, 0x22, 0x10, 0x06);
+    int rc = -1;
+    const std::string out = core(0, &rc);
+    // The selection's -12 leaves no log entry: -12 - 10.
+    EXPECT_EQ(rc, -22);
+    EXPECT_EQ(out, kNoLogEntry);
+}
+
+TEST_F(TxLogTest, NoCardInTheContactSlot) {
+    int rc = -1;
+    const std::string out = core(0, &rc);
+    EXPECT_EQ(rc, ICC_Contact_Not_Insert - 10);
+    EXPECT_EQ(out, kNoLogEntry);
+}
+
+TEST_F(TxLogTest, PortThatCannotBeOpened) {
+    std::strcpy(gPortName, "kolt-no-such-device");
+    int rc = -1;
+    const std::string out = core(0, &rc);
+    EXPECT_EQ(rc, -21);
+    EXPECT_EQ(out, kPortOpenError);
+}
+
+TEST_F(TxLogTest, AidTextSelectsTheApplication) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    int rc = -1;
+    const std::string out = core(0, &rc, "F04B4F4C54010101");
+    EXPECT_EQ(rc, 5);
+    bool selected = false;
+    for (const auto& a : card->apdus())
+        if (kolt::test::to_hex(a) == "00A4040008F04B4F4C54010101") selected = true;
+    EXPECT_TRUE(selected);
+}
+
+// ---------------------------------------------------------------------------
+// ICRT_GetTrDetail: one record, all records, folded failures.
+
+TEST_F(TxLogTest, IndexZeroGivesEveryRecordWithoutHeaderOrTerminator) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    std::vector<char> out(KOLT_TXLOG_MAX, 'Z');
+    EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 0, "", out.data()), 0);
+    const std::string all = joined(kDebitLog, 5);
+    EXPECT_EQ(std::string(out.data(), all.size()), all);
+    EXPECT_EQ(out[all.size()], 'Z');  // no terminator
+}
+
+TEST_F(TxLogTest, IndexTwoOfFive) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    std::vector<char> out(KOLT_TXLOG_MAX, 'Z');
+    EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 2, "", out.data()), 0);
+    EXPECT_EQ(std::string(out.data()), "106" + kDebitLog[1]);
+}
+
+TEST_F(TxLogTest, LastIndexAndBeyond) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    std::vector<char> out(KOLT_TXLOG_MAX, 0);
+    EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 5, "", out.data()), 0);
+    EXPECT_EQ(std::string(out.data()), "106" + kDebitLog[4]);
+    std::vector<char> none(64, 'x');
+    EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 6, "", none.data()), -120);
+    EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, -1, "", none.data()), -120);
+    EXPECT_EQ(none[0], 'x');
+}
+
+TEST_F(TxLogTest, IndexZeroOnAnEmptyLog) {
+    auto card = card_with_log(0, 3);
+    sim().set_contact_card(card);
+    std::vector<char> out(64, 'x');
+    EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 0, "", out.data()), 0);
+    EXPECT_EQ(out[0], '\0');
+}
+
+TEST_F(TxLogTest, SelectionOnAnEmptyLogIsEmptyWhateverTheIndex) {
+    auto card = card_with_log(0, 3);
+    sim().set_contact_card(card);
+    std::vector<char> out(64, 'x');
+    EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 4, "", out.data()), 0);
+    EXPECT_EQ(out[0], '\0');
+}
+
+TEST_F(TxLogTest, SelectionFoldsFailures) {
+    std::vector<char> out(64, 'x');
+    {  // no log entry: -10 from the core
+        sim().set_contact_card(load("no_log_entry.json"));
+        EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 0, "", out.data()), -120);
+    }
+    {  // log format: -23
+        sim().set_contact_card(load("log_format_9f21.json"));
+        EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 0, "", out.data()), -120);
+    }
+    {  // no card in the contact slot: a positive code from the core
+        sim().set_contact_card(nullptr);
+        EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 1, "", out.data()), -120);
+    }
+    EXPECT_EQ(out[0], 'x');  // failures write nothing
+}
+
+TEST_F(TxLogTest, SelectionOfPowerOnFailure) {
+    sim().set_contact_card(load("pboc_debit.json"));
+    sim().set_status(0x32, 0x22, 0x10, 0x05);
+    std::vector<char> out(64, 'x');
+    EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 0, "", out.data()), -105);
+}
+
+TEST_F(TxLogTest, SelectionOfCardNotAnswering) {
+    sim().set_contact_card(load("pboc_debit.json"));
+    sim().set_status(0x32, 0x22, 0x10, 0x06);
+    std::vector<char> out(64, 'x');
+    EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 0, "", out.data()), -102);
+}
+
+TEST_F(TxLogTest, SelectionOfPortFailure) {
+    std::strcpy(gPortName, "kolt-no-such-device");
+    std::vector<char> out(64, 'x');
+    EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 0, "", out.data()), -120);
+    EXPECT_EQ(out[0], 'x');
+}
+
+// ---------------------------------------------------------------------------
+// IC_GetTranDeta.
+
+struct TranDeta {
+    int rc = 0;
+    std::string out;
+    int32_t ic_type = 0;
+    int32_t len = -7;
+};
+
+TranDeta tran_deta(const std::string& port, int32_t ic_type) {
+    TranDeta t;
+    t.ic_type = ic_type;
+    std::vector<char> out(KOLT_TXLOG_MAX, 0);
+    t.rc = IC_GetTranDeta(port.c_str(), 1, 2, 3, &t.ic_type, "", &t.len, out.data());
+    t.out = std::string(out.data());
+    return t;
+}
+
+TEST_F(TxLogTest, TranDetaContactCard) {
+    sim().set_contact_card(load("pboc_debit.json"));
+    const std::string port = gPortName;
+    std::memset(gPortName, 0, sizeof gPortName);
+    const TranDeta t = tran_deta(port, 1);
+    EXPECT_EQ(t.rc, 0);
+    EXPECT_EQ(t.out, joined(kDebitLog, 5));
+    EXPECT_EQ(t.len, 5 * 106);
+    EXPECT_EQ(t.ic_type, 1);
+    EXPECT_EQ(std::string(gPortName), port);
+}
+
+TEST_F(TxLogTest, TranDetaContactlessCard) {
+    sim().set_contactless_card(load("qpboc_contactless.json"));
+    const TranDeta t = tran_deta(sim().port_name(), 2);
+    EXPECT_EQ(t.rc, 0);
+    EXPECT_EQ(t.len, 3 * 106);
+    EXPECT_EQ(t.ic_type, 2);
+}
+
+TEST_F(TxLogTest, TranDetaEmptyLog) {
+    sim().set_contact_card(card_with_log(0, 1));
+    const TranDeta t = tran_deta(sim().port_name(), 1);
+    EXPECT_EQ(t.rc, 0);
+    EXPECT_EQ(t.out, "");
+    EXPECT_EQ(t.len, 0);
+}
+
+TEST_F(TxLogTest, TranDetaFoldsFailures) {
+    sim().set_contact_card(load("no_log_entry.json"));
+    TranDeta t = tran_deta(sim().port_name(), 1);
+    EXPECT_EQ(t.rc, -99);
+    EXPECT_EQ(t.len, -7);
+    EXPECT_EQ(t.ic_type, 1);
+
+    sim().set_contact_card(load("pboc_debit.json"));
+    sim().set_status(0x32, 0x22, 0x10, 0x05);  // power-on: -11, -105
+    t = tran_deta(sim().port_name(), 1);
+    EXPECT_EQ(t.rc, -25);
+
+    sim().set_status(0x32, 0x22, 0x10, 0x06);  // no answer: -22, -102
+    t = tran_deta(sim().port_name(), 1);
+    EXPECT_EQ(t.rc, -11);
+}
+
+TEST_F(TxLogTest, TranDetaPortFailure) {
+    const TranDeta t = tran_deta("kolt-no-such-device", 1);
+    EXPECT_EQ(t.rc, -99);
+    EXPECT_EQ(t.out, "");
+    EXPECT_EQ(t.len, -7);
+}
+
+// ---------------------------------------------------------------------------
+// STAR_GetTxDetail: terminal type 1, contactless, always 0.
+
+class StdinOn {
+public:
+    explicit StdinOn(const std::string& path) : saved_(::dup(0)) {
+        const int fd = ::open(path.c_str(), O_RDWR | O_NOCTTY);
+        if (fd >= 0) {
+            ::dup2(fd, 0);
+            ::close(fd);
+        }
+    }
+    ~StdinOn() {
+        ::dup2(saved_, 0);
+        ::close(saved_);
+    }
+
+private:
+    int saved_;
+};
+
+TEST(StarGetTxDetail, ReturnsZeroWithTheTextWhenThePortCannotBeOpened) {
+    StdinOn null("/dev/null");
+    std::vector<char> out(256, 0);
+    EXPECT_EQ(STAR_GetTxDetail("x|1|y|txdata", out.data()), 0);
+    EXPECT_EQ(std::string(out.data()), kPortOpenError);
+}
+
+TEST(StarGetTxDetail, ReadsTheContactlessLogThroughTheTerminal) {
+    kolt::sim::Options options;
+    options.terminal.type = 1;
+    options.terminal.port = 3;
+    kolt::test::ScopedSimulator sim(options);
+    sim->set_contactless_card(load("qpboc_contactless.json"));
+    StdinOn tty(sim->slave_path());
+    std::vector<char> out(KOLT_TXLOG_MAX, 0);
+    EXPECT_EQ(STAR_GetTxDetail("COM1|3|ignored|anything", out.data()), 0);
+    const std::string text(out.data());
+    ASSERT_EQ(text.size(), 3u + 3 * 106);
+    EXPECT_EQ(text.substr(0, 3 + 106),
+              "106" + record("000000000600", "251201", "00", "080102", "KOLT METRO GATE 3", 6));
+    EXPECT_TRUE(sim->terminal_errors().empty());
+}
+
+TEST(StarGetTxDetail, ReturnsZeroWhenTheCardFails) {
+    kolt::sim::Options options;
+    options.terminal.type = 1;
+    options.terminal.port = 1;
+    kolt::test::ScopedSimulator sim(options);
+    StdinOn tty(sim->slave_path());
+    std::vector<char> out(256, 0);
+    EXPECT_EQ(STAR_GetTxDetail("|1||", out.data()), 0);
+    EXPECT_EQ(std::string(out.data()), kPowerOnError);
+}
+
+}  // namespace
