@@ -25,12 +25,26 @@ if ! dpkg --print-foreign-architectures | grep -qx arm64; then
     $sudo dpkg --add-architecture arm64
     $sudo env DEBIAN_FRONTEND=noninteractive apt-get update -qq
 fi
-kolt_ensure_packages "${KOLT_BUILD_PACKAGES[@]}" file qemu-user \
+kolt_ensure_packages "${KOLT_BUILD_PACKAGES[@]}" file qemu-user qemu-user-binfmt \
     g++-aarch64-linux-gnu binutils-aarch64-linux-gnu libc6-dev-arm64-cross \
     libc6:arm64 libstdc++6:arm64 libgcc-s1:arm64 \
     libcjson-dev:arm64 libssl-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64
 
 qemu="$(command -v qemu-aarch64-static || command -v qemu-aarch64)"
+
+# Some tests start a copy of their own program (fork and exec): the kernel
+# hands aarch64 programs to qemu-user only through binfmt_misc, which
+# qemu-user-binfmt describes but cannot register where no service does it.
+binfmt=/proc/sys/fs/binfmt_misc
+if [ ! -e "$binfmt/qemu-aarch64" ]; then
+    echo "== registering qemu-aarch64 with binfmt_misc"
+    if [ ! -e "$binfmt/register" ]; then
+        $sudo mount -t binfmt_misc binfmt_misc "$binfmt"
+    fi
+    $sudo sh -c "cat /usr/lib/binfmt.d/qemu-aarch64.conf > $binfmt/register"
+fi
+grep -qx enabled "$binfmt/qemu-aarch64" ||
+    { echo "qemu-aarch64 is not enabled in binfmt_misc" >&2; exit 1; }
 
 # ---------------------------------------------------------------------------
 # qemu-user (7.2) passes only the first 4 bytes of the legacy termio record
@@ -42,23 +56,26 @@ qemu="$(command -v qemu-aarch64-static || command -v qemu-aarch64)"
 # small preloaded shim that carries out these four requests as the kernel
 # does (low 16 bits of each mode word, the line discipline and the first
 # NCC control characters) through tcgetattr/tcsetattr, which qemu translates
-# in full. Every other ioctl goes to the kernel unchanged.
-mkdir -p "$build"
-shim_src="$build/qemu-termio-shim.c"
-shim="$build/libqemu-termio-shim.so"
+# in full. Every other ioctl goes to the kernel unchanged. LD_PRELOAD names
+# it through $LIB, so that the programs a test starts find it too: aarch64
+# ones (run through binfmt_misc) the shim, host ones (a shell) an empty
+# library of the host's architecture.
+shimdir="$build/qemu-shim"
+shim_src="$shimdir/kolt-termio-shim.c"
+shim="$shimdir/lib/$triple/libkolt-termio-shim.so"
+host_stub="$shimdir/lib/$(gcc -print-multiarch)/libkolt-termio-shim.so"
+preload="$shimdir/\$LIB/libkolt-termio-shim.so"
+mkdir -p "$(dirname "$shim")" "$(dirname "$host_stub")"
 cat > "$shim_src.new" <<'EOF'
+#if defined(__aarch64__)
 #define _GNU_SOURCE
 #include <stdarg.h>
-#include <stdlib.h>
 #include <string.h>
 #include <termio.h>
 #include <termios.h>
 #include <unistd.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
-
-/* Child processes (shells, host tools) must not inherit the preload. */
-__attribute__((constructor)) static void shim_init(void) { unsetenv("LD_PRELOAD"); }
 
 static unsigned int low16(unsigned int word, unsigned short value) {
     return (word & 0xffff0000u) | value;
@@ -72,9 +89,8 @@ int ioctl(int fd, unsigned long request, ...) {
     struct termios t;
     switch (request) {
     case TCGETA: {
-        struct termio *o = arg;
-        if (tcgetattr(fd, &t) != 0) return -1;
         struct termio r;
+        if (tcgetattr(fd, &t) != 0) return -1;
         memset(&r, 0, sizeof r);
         r.c_iflag = (unsigned short)t.c_iflag;
         r.c_oflag = (unsigned short)t.c_oflag;
@@ -82,7 +98,7 @@ int ioctl(int fd, unsigned long request, ...) {
         r.c_lflag = (unsigned short)t.c_lflag;
         r.c_line = t.c_line;
         memcpy(r.c_cc, t.c_cc, NCC);
-        memcpy(o, &r, sizeof r);
+        memcpy(arg, &r, sizeof r);
         return 0;
     }
     case TCSETA:
@@ -97,17 +113,21 @@ int ioctl(int fd, unsigned long request, ...) {
         t.c_lflag = low16(t.c_lflag, n.c_lflag);
         t.c_line = n.c_line;
         memcpy(t.c_cc, n.c_cc, NCC);
-        int when = request == TCSETA ? TCSANOW : request == TCSETAW ? TCSADRAIN : TCSAFLUSH;
-        return tcsetattr(fd, when, &t);
+        return tcsetattr(fd, request == TCSETA ? TCSANOW : request == TCSETAW ? TCSADRAIN : TCSAFLUSH, &t);
     }
     default:
         return (int)syscall(SYS_ioctl, fd, request, arg);
     }
 }
+#else
+/* The host's empty stand-in. */
+void kolt_termio_shim_host(void) {}
+#endif
 EOF
-if ! cmp -s "$shim_src.new" "$shim_src" || [ ! -f "$shim" ]; then
+if ! cmp -s "$shim_src.new" "$shim_src" || [ ! -f "$shim" ] || [ ! -f "$host_stub" ]; then
     mv "$shim_src.new" "$shim_src"
     "$triple-gcc" -O2 -Wall -Wextra -shared -fPIC -o "$shim" "$shim_src"
+    gcc -O2 -Wall -Wextra -shared -fPIC -o "$host_stub" "$shim_src"
 else
     rm -f "$shim_src.new"
 fi
@@ -117,7 +137,7 @@ echo "== aarch64 cross build in $build"
 cmake -S "$KOLT_ROOT" -B "$build" \
     -DCMAKE_TOOLCHAIN_FILE="$KOLT_ROOT/cmake/toolchain-aarch64.cmake" \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    "-DCMAKE_CROSSCOMPILING_EMULATOR=$qemu;-E;LD_PRELOAD=$shim" >/dev/null
+    "-DCMAKE_CROSSCOMPILING_EMULATOR=$qemu;-E;LD_PRELOAD=$preload" >/dev/null
 cmake --build "$build" -j "$jobs"
 
 # ---------------------------------------------------------------------------

@@ -21,6 +21,7 @@
 #include "emv/tags.hpp"
 #include "kolt/kolt.h"
 #include "kolt_sim/card.hpp"
+#include "support/log.hpp"
 
 namespace {
 
@@ -152,6 +153,27 @@ TEST_F(IcrtInfoTest, EveryShippedDebitLetterOnTheReferenceCard) {
                    "F024" "303030303031323330303030"  // 9F1F text held as hex digits
                    "M006\xC0\xEE\xCB\xBC\xC3\xF7"     // 9F0B raw bytes
                    "Z004" "7C00");                    // AIP from the GPO
+}
+
+TEST_F(IcrtInfoTest, TraceWithTheLogSwitchOn) {
+    kolt::test::TempDir dir;
+    kolt::log::set_debug_dir(dir.str());
+    kolt::log::set_switch(1);
+    sim().set_contact_card(load("pboc_debit.json"));
+    int rc = -1;
+    info(0, 1, 0, "", "AJ", &rc);
+    kolt::log::set_switch(0);
+    EXPECT_EQ(rc, 0);
+    std::string trace;
+    for (const auto& f : std::filesystem::directory_iterator(dir.path())) trace += kolt::test::read_file(f.path());
+    for (const char* line : {"] KOLT_ICRT_GetICCInfo begin......\n", "] KOLT_ICRT_GetICCInfo ICtype = 0\n",
+                             "] KOLT_ICRT_GetICCInfo ctagList = AJ\n",
+                             "] KOLT_ICRT_GetICCInfo All TagList is finded\n",
+                             "] KOLT_ICRT_GetICCInfo infoBuf=A0196299990000001234560J00201\n",
+                             "] getIdCardInfo KOLT_T41_ICC_Poweroff flag=0000\n"}) {
+        EXPECT_NE(trace.find(line), std::string::npos) << line;
+    }
+    EXPECT_NE(trace.find("] KOLT_ICRT_GetICCInfo gFindedTagList2="), std::string::npos);
 }
 
 TEST_F(IcrtInfoTest, WalkStopsOnceEveryLetterIsFound) {
@@ -343,6 +365,21 @@ TEST_F(IcrtInfoTest, PortThatCannotBeOpened) {
     const std::string out = info(0, 1, 0, "", "A", &rc);
     EXPECT_EQ(rc, -21);
     EXPECT_EQ(out, kPortOpenError);
+}
+
+TEST_F(IcrtInfoTest, WrapperPassesFailuresThrough) {
+    std::strcpy(gPortName, "kolt-no-such-device");
+    std::vector<char> out(64, 0);
+    EXPECT_EQ(ICRT_GetICCInfo(0, 1, 0, "", "A", out.data()), -21);
+    EXPECT_EQ(std::string(out.data()), kPortOpenError);
+}
+
+TEST_F(IcrtInfoTest, NullArgumentsDoNotCrash) {
+    auto card = load("pboc_debit.json");
+    sim().set_contact_card(card);
+    // No AID list, no letters, no output: an empty request on the card.
+    EXPECT_EQ(KOLT_ICRT_GetICCInfo(0, 1, 0, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(STAR_GetInfo(nullptr, nullptr), 0);
 }
 
 TEST_F(IcrtInfoTest, LongLetterListIsBounded) {

@@ -273,6 +273,28 @@ TEST_F(YsInfoTest, FailingReadRecord) {
     EXPECT_TRUE(sent(sim(), 0x32, 0x23));
 }
 
+TEST_F(YsInfoTest, TraceWithTheLogSwitchOn) {
+    kolt::test::TempDir dir;
+    kolt::log::set_debug_dir(dir.str());
+    kolt::log::set_switch(1);
+    sim().set_contact_card(load("pboc_debit.json"));
+    const YsCall c = ys(0, "AB");
+    kolt::log::set_switch(0);
+    EXPECT_EQ(c.rc, 0);
+    std::string trace;
+    for (const auto& f : std::filesystem::directory_iterator(dir.path())) trace += kolt::test::read_file(f.path());
+    for (const char* line : {"] IC_GetInfo ICtype = 0\n", "] IC_GetInfo ctagList = AB\n",
+                             "] IC_GetInfo myctagList = ABJ\n", "] IC_GetInfo nAFL i=0\n",
+                             "] IC_GetInfo AIPAFLBuf j=1\n", "] IC_GetInfo All TagList is finded\n",
+                             "] IC_GetInfo nAFL &tagListValue[nIndex][1]=0101\n", "] IC_GetInfo icflag=1\n",
+                             "] IC_GetInfo apduTagList i =29\n", "] IC_GetInfo apduTagList value =008d\n",
+                             "] IC_GetInfo KOLT_T41_ICC_Poweroff flag=0000\n"}) {
+        EXPECT_NE(trace.find(line), std::string::npos) << line;
+    }
+    EXPECT_NE(trace.find("] IC_GetInfo infoBuf=41 30 31 39 "), std::string::npos);
+    EXPECT_NE(trace.find("] IC_GetInfo lpicappdata=41 13 36 32 "), std::string::npos);
+}
+
 // ---------------------------------------------------------------------------
 // The YS answer format on its own.
 
@@ -365,6 +387,12 @@ TEST_F(IcGetInfoTest, PortThatCannotBeOpened) {
     EXPECT_EQ(out[0], 'x');  // nothing written
     EXPECT_EQ(len, -7);
     EXPECT_EQ(std::string(gPortName), "kolt-no-such-device");
+}
+
+TEST_F(IcGetInfoTest, NullArgumentsDoNotCrash) {
+    EXPECT_EQ(IC_GetInfo(nullptr, 0, 0, 0, nullptr, nullptr, nullptr, nullptr, nullptr), -3);
+    sim().set_contact_card(load("pboc_debit.json"));
+    EXPECT_EQ(IC_GetInfo(sim().port_name().c_str(), 0, 0, 0, nullptr, nullptr, nullptr, nullptr, nullptr), 0);
 }
 
 TEST_F(IcGetInfoTest, LongPortNameIsCut) {

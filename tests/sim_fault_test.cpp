@@ -115,13 +115,13 @@ TEST_F(SimFault, Delay) {
 }
 
 TEST_F(SimFault, CloseMidFrameThenTheLineComesBack) {
-    sim->inject(Fault{Fault::CloseMidFrame, 400});
+    sim->inject(Fault{Fault::CloseMidFrame, 800});
     line->write(kRfOn);
     EXPECT_EQ(line->read_for(150), Bytes(kOk.begin(), kOk.begin() + 6));
     // While the line is dead, commands are lost.
     line->write(kRfOn);
     EXPECT_TRUE(line->read_for(100).empty());
-    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    std::this_thread::sleep_for(std::chrono::milliseconds(800));
     EXPECT_EQ(rf_on(), kOk);
     EXPECT_TRUE(sim->running());
 }

@@ -11,8 +11,10 @@
 #include <vector>
 
 #include "common/sim_fixture.hpp"
+#include "common/test_util.hpp"
 #include "kolt/kolt.h"
 #include "kolt_sim/card.hpp"
+#include "support/log.hpp"
 
 namespace {
 
@@ -89,6 +91,31 @@ TEST_F(IcTxDetailTest, ReferenceCard) {
     EXPECT_EQ(records.substr(4 * 106), record("000000100000", "260114", "60", "111111", "KOLT EC LOAD", 27));
     EXPECT_EQ(c.kind, 1);
     EXPECT_TRUE(sent(sim(), 0x32, 0x23));
+}
+
+TEST_F(IcTxDetailTest, NullArgumentsDoNotCrash) {
+    sim().set_contact_card(load("pboc_debit.json"));
+    ASSERT_EQ(IC_initCom(0, 0), 0);
+    EXPECT_EQ(IC_GetTxDetail(1, nullptr, nullptr, nullptr), 0);
+    IC_CloseCom(0, 0);
+}
+
+TEST_F(IcTxDetailTest, TraceWithTheLogSwitchOn) {
+    kolt::test::TempDir dir;
+    kolt::log::set_debug_dir(dir.str());
+    kolt::log::set_switch(1);
+    sim().set_contact_card(load("log_short.json"));
+    const TxCall c = tx(1);
+    kolt::log::set_switch(0);
+    EXPECT_EQ(c.rc, 0);
+    std::string trace;
+    for (const auto& f : std::filesystem::directory_iterator(dir.path())) trace += kolt::test::read_file(f.path());
+    for (const char* line : {"] IC_GetTxDetail begin......\n", "] IC_GetTxDetail ICtype = 0\n",
+                             "] IC_GetTxDetail nTxDetailDataLen =320\n", "] IC_GetTxDetail TxDetail =03 6a 50 30 31 32 ",
+                             "] IC_GetTxDetail psbcICType=1\n", "] IC_GetTxDetail KOLT_T41_ICC_Poweroff flag=0\n",
+                             "] IC_GetTxDetail KOLT_T41_ICC_Comm_Read_Record rApduBuf=6a 83 \n"}) {
+        EXPECT_NE(trace.find(line), std::string::npos) << line;
+    }
 }
 
 TEST_F(IcTxDetailTest, ContactlessCard) {

@@ -18,6 +18,7 @@
 #include "common/test_util.hpp"
 #include "kolt/kolt.h"
 #include "kolt_sim/card.hpp"
+#include "support/log.hpp"
 
 namespace {
 
@@ -158,6 +159,40 @@ TEST_F(TxLogTest, WrapperGivesTheSameAnswer) {
     EXPECT_EQ(std::string(out.data()), "106" + joined(kDebitLog, 5));
 }
 
+TEST_F(TxLogTest, WrapperPassesFailuresThrough) {
+    sim().set_contact_card(load("no_log_entry.json"));
+    std::vector<char> out(64, 0);
+    EXPECT_EQ(ICRT_GetTxDetail(0, 1, 0, "", out.data()), -10);
+    EXPECT_EQ(std::string(out.data()), kNoLogEntry);
+}
+
+TEST_F(TxLogTest, NullArgumentsDoNotCrash) {
+    sim().set_contact_card(load("pboc_debit.json"));
+    EXPECT_EQ(KOLT_ICRT_GetTrDetail(0, 1, 0, nullptr, nullptr), 5);
+    EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 1, nullptr, nullptr), 0);
+    EXPECT_EQ(IC_GetTranDeta(nullptr, 0, 0, 0, nullptr, nullptr, nullptr, nullptr), -99);
+}
+
+TEST_F(TxLogTest, TraceWithTheLogSwitchOn) {
+    kolt::test::TempDir dir;
+    kolt::log::set_debug_dir(dir.str());
+    kolt::log::set_switch(1);
+    sim().set_contact_card(load("log_short.json"));
+    int rc = -1;
+    core(0, &rc);
+    kolt::log::set_switch(0);
+    EXPECT_EQ(rc, 3);
+    std::string trace;
+    for (const auto& f : std::filesystem::directory_iterator(dir.path())) trace += kolt::test::read_file(f.path());
+    for (const char* line : {"] KOLT_ICRT_GetTrDetail begin......\n", "] KOLT_ICRT_GetICCInfo ICtype = 0\n",
+                             "] KOLT_ICRT_GetTrDetail KOLT_T41_ICC_GetData oneTagValue =19 9a 03 9f 21 03 ",
+                             "] KOLT_ICRT_GetTrDetail nTxDetailDataLen =321\n",
+                             "] KOLT_ICRT_GetTrDetail &TxDetail[nIndex] =P012000000010000Q012",
+                             "] KOLT_ICRT_GetTrDetail KOLT_T41_ICC_Poweroff flag=0\n"}) {
+        EXPECT_NE(trace.find(line), std::string::npos) << line;
+    }
+}
+
 TEST_F(TxLogTest, ContactlessCard) {
     auto card = load("qpboc_contactless.json");
     sim().set_contactless_card(card);
@@ -229,6 +264,28 @@ TEST_F(TxLogTest, NoLogEntry) {
     EXPECT_EQ(rc, -10);
     EXPECT_EQ(out, kNoLogEntry);
     EXPECT_TRUE(sent(sim(), 0x32, 0x23));
+}
+
+TEST_F(TxLogTest, LockedApplicationStillGivesItsLog) {
+    // Whatever the selection reports, only the log entry decides: the
+    // locked contactless application still names its log.
+    auto card = load("qpboc_contactless.json");
+    card->set_locked(true);
+    sim().set_contactless_card(card);
+    int rc = -1;
+    const std::string out = core(1, &rc);
+    EXPECT_EQ(rc, 3);
+    EXPECT_EQ(out.size(), 3u + 3 * 106);
+}
+
+TEST_F(TxLogTest, LockedContactApplicationWithoutLogEntry) {
+    // A locked contact application goes on without reading its FCI: no log
+    // entry, so the selection's -7 minus 10.
+    sim().set_contact_card(load("app_locked.json"));
+    int rc = -1;
+    const std::string out = core(0, &rc);
+    EXPECT_EQ(rc, -17);
+    EXPECT_EQ(out, kNoLogEntry);
 }
 
 TEST_F(TxLogTest, EmptyLog) {

@@ -533,19 +533,25 @@ struct Simulator::Impl {
         while (done < bytes.size()) {
             if (stopping) return false;
             const size_t chunk = opt.pace ? 1 : bytes.size() - done;
-            const ssize_t w = ::write(master.get(), bytes.data() + done, chunk);
-            if (w > 0) {
-                {
-                    std::lock_guard l(m);
+            ssize_t w = 0;
+            int err = 0;
+            {
+                // Recorded under the lock together with the write, so that a
+                // host that has read the reply also finds it in raw_sent().
+                std::lock_guard l(m);
+                w = ::write(master.get(), bytes.data() + done, chunk);
+                err = errno;
+                if (w > 0)
                     tx.insert(tx.end(), bytes.begin() + static_cast<long>(done),
                               bytes.begin() + static_cast<long>(done + static_cast<size_t>(w)));
-                }
+            }
+            if (w > 0) {
                 done += static_cast<size_t>(w);
                 give_up = Clock::now() + 3s;
                 if (opt.pace) std::this_thread::sleep_until(start + per_byte * done);
                 continue;
             }
-            if (w < 0 && errno != EAGAIN && errno != EINTR) return false;
+            if (w < 0 && err != EAGAIN && err != EINTR) return false;
             if (Clock::now() > give_up) {
                 log("host does not read; reply dropped");
                 return false;
@@ -560,7 +566,9 @@ struct Simulator::Impl {
         Bytes wire = o.wire;
         if (o.fault) {
             const Fault& f = *o.fault;
-            log(std::string("fault ") + std::to_string(static_cast<int>(f.kind)) + " on reply");
+            static const char* const names[] = {"no reply", "bad check", "truncate", "garbage before",
+                                                "length too long", "delay", "close mid-frame"};
+            log(std::string("fault: ") + names[f.kind]);
             switch (f.kind) {
                 case Fault::NoReply:
                     return;

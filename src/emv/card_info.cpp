@@ -34,7 +34,13 @@ constexpr std::string_view kYsSlots = "AEGHIKJXCDBM";
 // Letters whose slots make up the application data block of the IC_ family.
 constexpr std::string_view kAppDataLetters = "AJZ34Y";
 
+// Text of a known length (an empty text is logged as such, never as a
+// terminated string at a null pointer).
 void log_text(const char* format, std::string_view text) {
+    if (text.empty()) {
+        log::debug_text(format, "");
+        return;
+    }
     log::debug(format, text.data(), static_cast<int>(text.size()));
 }
 void log_hex(const char* format, std::string_view bytes) {
@@ -423,7 +429,7 @@ IcInfoOutcome ic_get_info(std::string_view port_name, int32_t ic_type, const cha
                           std::string_view letters) {
     std::memset(gPortName, 0, sizeof gPortName);
     const auto name = port_name.substr(0, kPortNameMax);
-    std::memcpy(gPortName, name.data(), name.size());
+    if (!name.empty()) std::memcpy(gPortName, name.data(), name.size());
 
     log::set_switch(config::ini_int("icc", "log", config::kolt_ini_path()));
     log::debug_int("ID_GetInfo g_nWriteDebugLog=%d", log::switch_value());

@@ -21,7 +21,13 @@ constexpr uint32_t kLogFormatTimeout = 20;  // GET DATA 9F4F
 constexpr uint32_t kRecordTimeout = 6;      // READ RECORD
 constexpr uint8_t kTagLogFormat[2] = {0x9F, 0x4F};
 
+// Text of a known length (an empty text is logged as such, never as a
+// terminated string at a null pointer).
 void log_text(const char* format, std::string_view text) {
+    if (text.empty()) {
+        log::debug_text(format, "");
+        return;
+    }
     log::debug(format, text.data(), static_cast<int>(text.size()));
 }
 
@@ -230,7 +236,7 @@ LogOutcome star_get_tx_detail(std::string_view input) {
 TranDetaOutcome ic_get_tran_deta(std::string_view port_name, int32_t ic_type, const char* aid_text) {
     std::memset(gPortName, 0, sizeof gPortName);
     const auto name = port_name.substr(0, kPortNameMax);
-    std::memcpy(gPortName, name.data(), name.size());
+    if (!name.empty()) std::memcpy(gPortName, name.data(), name.size());
 
     TranDetaOutcome out;
     out.written = icrt_select_tr_detail(0, 0, ic_type - 1, 0, aid_text);
