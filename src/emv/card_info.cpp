@@ -271,18 +271,18 @@ Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, cons
 
     Outcome result;
     const AppInit app = start_app(aid_list);
-    if (app.result == -1) {
+    if (app.result == kInitPowerOnFailed) {
         // 卡上电错误: the card never came up, so no power-off is sent.
         log::error_text("KOLT_ICRT_GetICCInfo \xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3%s", "");
         link::free_com(type, port);
         return {app.result - 10, std::string(gbk::kPowerOnError)};
     }
-    if (app.result != 0 && app.result != -7) {
+    if (app.result != 0 && app.result != kInitAppLocked) {
         log::error_int("KOLT_ICRT_GetICCInfo KOLT_T41_InitICCardApp flag=%d", app.result);
         result = {app.result - 10, std::string(gbk::kCardInitError)};
     } else {
         // A locked application (-7) is still read; the caller sees 10.
-        const int32_t final_code = app.result == -7 ? 10 : 0;
+        const int32_t final_code = app.result == kInitAppLocked ? 10 : 0;
 
         // Electronic-cash values. The trigger letters differ from the
         // letters of the slots they fill: E fills G, F fills H, G fills K.
@@ -348,13 +348,13 @@ YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid
     switch (app.result) {
     case 0:
         break;
-    case -12:
+    case kInitNoResponse:
         log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag=%d", app.result);
         log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag =%d", app.result);
         out.code = -2;
         out.text = std::string(gbk::kPowerOnError);
         return out;
-    case -1:
+    case kInitPowerOnFailed:
         // 卡上电错误
         log::error_text("IC_GetInfo \xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3%s", "");
         log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag =%d", app.result);
@@ -366,7 +366,7 @@ YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid
         out.code = -9;
         out.text = std::string(gbk::kContactNotInserted);
         break;
-    case -7:
+    case kInitAppLocked:
         log::error_text("IC_GetInfo KOLT_T41_InitICCardApp flag =%s", "-7");
         out.code = -10;
         out.text = std::string(gbk::kCardInitError);

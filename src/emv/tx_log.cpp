@@ -125,8 +125,8 @@ LogOutcome icrt_get_tr_detail(int32_t term_type, int32_t port, int32_t ic_type, 
     }
 
     const AppInit app = start_app_psbc(aid_text);
-    if (app.result == -1) {
-        // The card never came up: no power-off.
+    if (app.result == kInitPowerOnFailed) {
+        // 卡上电错误: the card never came up, so no power-off is sent.
         link::free_com(type, port);
         return {-11, std::string(gbk::kPowerOnError), std::nullopt, 0};
     }
@@ -268,12 +268,12 @@ TxDetailOutcome ic_get_tx_detail(int32_t ic_type, const uint8_t* aid_list) {
     TxDetailOutcome out;
     const AppInit app = start_app(aid_list);
     switch (app.result) {
-    case -12:
+    case kInitNoResponse:
         log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag=%d", app.result);
         log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag =%d", app.result);
         out.code = -2;
         return out;
-    case -1:
+    case kInitPowerOnFailed:
         // 卡上电错误
         log::error_text("IC_GetTxDetail \xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3%s", "");
         log::error_int("IC_GetTxDetail KOLT_T41_InitICCardApp flag =%d", app.result);
@@ -283,7 +283,7 @@ TxDetailOutcome ic_get_tx_detail(int32_t ic_type, const uint8_t* aid_list) {
         log::error_text("IC_GetTxDetail KOLT_T41_InitICCardApp ICC_Contact_Not_Insert %s", "");
         out.code = -9;
         break;
-    case -7:
+    case kInitAppLocked:
         log::error_text("IC_GetTxDetail KOLT_T41_InitICCardApp flag =%s", "-7");
         out.code = -10;
         break;
