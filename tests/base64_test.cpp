@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
+#include <cstdint>
 #include <cstring>
 #include <random>
 #include <string>
@@ -135,6 +136,16 @@ TEST(Base64, ForeignCharacterInAnEarlierGroupCountsLast) {
     // The last recorded stop position decides, whichever group it came from.
     auto buf = text("QU\nJQUJD");
     EXPECT_EQ(KOLT_UnBase64(buf.data(), 8), 4);
+}
+
+TEST(Base64, LengthWhoseTextAnIntCannotCountIsRefused) {
+    uint8_t buf[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    EXPECT_EQ(KOLT_Base64(buf, INT32_MAX), 0);
+    EXPECT_EQ(KOLT_Base64(buf, 1'610'612'734), 0);  // 2^31 characters
+    EXPECT_EQ(buf[0], 1);  // untouched
+    EXPECT_EQ(kolt::base64::encoded_size(INT32_MAX), -1);
+    EXPECT_EQ(kolt::base64::encoded_size(-1), -1);
+    EXPECT_EQ(kolt::base64::encoded_size(1'610'612'733), 2'147'483'644);  // the longest text
 }
 
 TEST(Base64, NullBufferGivesZero) {

@@ -5,14 +5,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
 
-#include "common/sim_fixture.hpp"
-#include "common/test_util.hpp"
+#include "common/card_flow.hpp"
 #include "emv/card_info.hpp"
 #include "emv/tags.hpp"
 #include "kolt/kolt.h"
@@ -22,44 +24,14 @@
 namespace {
 
 using kolt::sim::Card;
-using kolt::sim::Command;
-
-const std::string kPowerOnError = "\xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3";            // 卡上电错误
-const std::string kCardInitError = "\xBF\xA8\xB3\xF5\xCA\xBC\xBB\xAF\xB4\xED\xCE\xF3";   // 卡初始化错误
-const std::string kReadRecordError = "\xB6\xC1\xBC\xC7\xC2\xBC\xB4\xED\xCE\xF3";         // 读记录错误
-const std::string kContactNotInserted =                                                   // 接触方式读卡时卡未插入
-    "\xBD\xD3\xB4\xA5\xB7\xBD\xCA\xBD\xB6\xC1\xBF\xA8\xCA\xB1\xBF\xA8\xCE\xB4\xB2\xE5\xC8\xEB";
-
-std::string card_path(const std::string& file) {
-    const char* env = std::getenv("KOLT_TEST_SOURCE_DIR");
-    const std::filesystem::path root =
-        env != nullptr ? std::filesystem::path(env) : std::filesystem::path(__FILE__).parent_path().parent_path();
-    return (root / "sim" / "cards" / file).string();
-}
-
-std::shared_ptr<Card> load(const std::string& file) { return Card::from_file(card_path(file)); }
-
-std::vector<std::pair<int, int>> afl_reads(const Card& card) {
-    std::vector<std::pair<int, int>> reads;
-    for (const auto& a : card.apdus()) {
-        if (a.size() >= 2 && a[0] == 0x80 && a[1] == 0xA8) reads.clear();
-        if (a.size() >= 4 && a[0] == 0x00 && a[1] == 0xB2) reads.emplace_back(a[2], a[3] >> 3);
-    }
-    return reads;
-}
-
-std::vector<int> get_data_tags(const Card& card) {
-    std::vector<int> tags;
-    for (const auto& a : card.apdus())
-        if (a.size() >= 4 && a[0] == 0x80 && a[1] == 0xCA) tags.push_back(a[2] << 8 | a[3]);
-    return tags;
-}
-
-bool sent(const kolt::sim::Simulator& sim, uint8_t cls, uint8_t code) {
-    for (const Command& c : sim.transcript())
-        if (c.cls == cls && c.code == code) return true;
-    return false;
-}
+using kolt::test::afl_reads;
+using kolt::test::get_data_tags;
+using kolt::test::kCardInitError;
+using kolt::test::kContactNotInserted;
+using kolt::test::kPowerOnError;
+using kolt::test::kReadRecordError;
+using kolt::test::load_card;
+using kolt::test::sent;
 
 // The reference card as IC_GetInfo_YS reports it.
 const std::string kPan = "6299990000001234560";
@@ -106,7 +78,7 @@ class YsInfoTest : public kolt::test::SimTest {};
 // ---------------------------------------------------------------------------
 
 TEST_F(YsInfoTest, EveryCallerLetterOnTheContactCard) {
-    auto card = load("pboc_debit.json");
+    auto card = load_card("pboc_debit.json");
     sim().set_contact_card(card);
     const YsCall c = ys(0, "ABCDEFGHIJKL");
     EXPECT_EQ(c.rc, 0);
@@ -135,7 +107,7 @@ TEST_F(YsInfoTest, EveryCallerLetterOnTheContactCard) {
 }
 
 TEST_F(YsInfoTest, ContactlessCardReportsKindTwo) {
-    auto card = load("qpboc_contactless.json");
+    auto card = load_card("qpboc_contactless.json");
     sim().set_contactless_card(card);
     const YsCall c = ys(1, "AEG");
     EXPECT_EQ(c.rc, 0);
@@ -178,7 +150,7 @@ TEST_F(YsInfoTest, SearchListGainsJ) {
 }
 
 TEST_F(YsInfoTest, GetDataTriggersAreTheCallersOwnLetters) {
-    auto card = load("pboc_debit.json");
+    auto card = load_card("pboc_debit.json");
     sim().set_contact_card(card);
     // C shows the balance (slot G), but only the caller letter G fetches it.
     YsCall c = ys(0, "C");
@@ -195,7 +167,7 @@ TEST_F(YsInfoTest, GetDataTriggersAreTheCallersOwnLetters) {
 }
 
 TEST_F(YsInfoTest, LettersOutsideTheTableAreNotTranslated) {
-    auto card = load("pboc_debit.json");
+    auto card = load_card("pboc_debit.json");
     sim().set_contact_card(card);
     const YsCall c = ys(0, "ZXY");
     EXPECT_EQ(c.rc, 0);
@@ -204,7 +176,7 @@ TEST_F(YsInfoTest, LettersOutsideTheTableAreNotTranslated) {
 }
 
 TEST_F(YsInfoTest, AidTextSelectsTheApplication) {
-    auto card = load("directory_two_records.json");
+    auto card = load_card("directory_two_records.json");
     sim().set_contact_card(card);
     const YsCall c = ys(0, "A", "F04B4F4C54020101");
     EXPECT_EQ(c.rc, 0);
@@ -212,61 +184,60 @@ TEST_F(YsInfoTest, AidTextSelectsTheApplication) {
     EXPECT_EQ(c.out.substr(c.out.size() - 4), "0073");
 }
 
-TEST_F(YsInfoTest, LockedApplication) {
-    auto card = load("app_locked.json");
-    sim().set_contact_card(card);
+// Every way the selection fails, folded the IC_ way: -2 and -1 with
+// "卡上电错误" and no power-off when the card never came up; -9 with
+// "接触方式读卡时卡未插入", or -10 with "卡初始化错误" (a locked application
+// too), the card powered off. Neither the card kind nor the application data
+// is written. Each failure leaves its lines in the error log.
+class YsSelectionFailureTest : public kolt::test::SimTest,
+                               public ::testing::WithParamInterface<kolt::test::SelectionFailure> {};
+
+TEST_P(YsSelectionFailureTest, CodeTextAndPowerOff) {
+    const kolt::test::SelectionFailure& f = GetParam();
+    f.setup(sim());
+    kolt::test::DebugLogCapture debug;
+    kolt::test::ErrorLogTail errors;
     const YsCall c = ys(0, "A");
-    EXPECT_EQ(c.rc, -10);
-    EXPECT_EQ(c.out, kCardInitError);
+    std::vector<std::string> logged;
+    switch (f.init) {
+    case -12: logged = kolt::test::kNoAnswerInitLogs; break;
+    case -1:
+        logged = {"IC_GetInfo \xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3",  // 卡上电错误
+                  "IC_GetInfo KOLT_T41_InitICCardApp flag =-1"};
+        break;
+    case ICC_Contact_Not_Insert: logged = {"IC_GetInfo KOLT_T41_InitICCardApp flag ICC_Contact_Not_Insert"}; break;
+    case -7: logged = {"IC_GetInfo KOLT_T41_InitICCardApp flag =-7"}; break;
+    default: logged = {"IC_GetInfo KOLT_T41_InitICCardApp flag not ok =" + std::to_string(f.init)}; break;
+    }
+    kolt::test::expect_logged(errors.text(), logged);
+    switch (f.init) {
+    case -12:
+    case -1:
+        EXPECT_EQ(c.rc, f.init == -12 ? -2 : -1);
+        EXPECT_EQ(c.out, kPowerOnError);
+        EXPECT_FALSE(sent(sim(), 0x32, 0x23));
+        break;
+    case ICC_Contact_Not_Insert:
+        EXPECT_EQ(c.rc, -9);
+        EXPECT_EQ(c.out, kContactNotInserted);
+        EXPECT_TRUE(sent(sim(), 0x32, 0x23));
+        break;
+    default:
+        EXPECT_EQ(c.rc, -10);
+        EXPECT_EQ(c.out, kCardInitError);
+        EXPECT_TRUE(sent(sim(), 0x32, 0x23));
+        break;
+    }
     EXPECT_EQ(c.kind, -5);  // not set on failure
     EXPECT_TRUE(c.appdata.empty());
-    EXPECT_TRUE(sent(sim(), 0x32, 0x23));
 }
 
-TEST_F(YsInfoTest, NoCardInTheContactSlot) {
-    const YsCall c = ys(0, "A");
-    EXPECT_EQ(c.rc, -9);
-    EXPECT_EQ(c.out, kContactNotInserted);
-    EXPECT_TRUE(sent(sim(), 0x32, 0x23));
-}
-
-TEST_F(YsInfoTest, PowerOnFailure) {
-    auto card = load("pboc_debit.json");
-    sim().set_contact_card(card);
-    sim().set_status(0x32, 0x22, 0x10, 0x05);
-    const YsCall c = ys(0, "A");
-    EXPECT_EQ(c.rc, -1);
-    EXPECT_EQ(c.out, kPowerOnError);
-    EXPECT_FALSE(sent(sim(), 0x32, 0x23));
-}
-
-TEST_F(YsInfoTest, CardNotAnsweringPowerOn) {
-    auto card = load("pboc_debit.json");
-    sim().set_contact_card(card);
-    sim().set_status(0x32, 0x22, 0x10, 0x06);  // ICC_No_Response
-    const YsCall c = ys(0, "A");
-    EXPECT_EQ(c.rc, -2);
-    EXPECT_EQ(c.out, kPowerOnError);
-    EXPECT_FALSE(sent(sim(), 0x32, 0x23));
-}
-
-TEST_F(YsInfoTest, OtherSelectionFailure) {
-    auto card = load("gpo_format2.json");
-    sim().set_contact_card(card);
-    const YsCall c = ys(0, "A");
-    EXPECT_EQ(c.rc, -10);
-    EXPECT_EQ(c.out, kCardInitError);
-    EXPECT_TRUE(sent(sim(), 0x32, 0x23));
-}
+INSTANTIATE_TEST_SUITE_P(Selection, YsSelectionFailureTest, ::testing::ValuesIn(kolt::test::selection_failures()));
 
 TEST_F(YsInfoTest, FailingReadRecord) {
-    auto card = load("pboc_debit.json");
+    auto card = load_card("pboc_debit.json");
     sim().set_contact_card(card);
-    sim().set_handler(0x32, 0x26, [card](const Command& c) -> std::optional<kolt::sim::Reply> {
-        const std::span<const uint8_t> apdu(c.data.data() + 1, c.data.size() - 1);
-        if (apdu.size() >= 4 && apdu[0] == 0x00 && apdu[1] == 0xB2 && (apdu[3] >> 3) == 3) return std::nullopt;
-        return kolt::sim::Reply{0x00, 0x00, card->exchange(apdu)};
-    });
+    kolt::test::silence_read_record(sim(), card, 3);
     const YsCall c = ys(0, "AL");  // L is never found: SFI 3 is read
     EXPECT_EQ(c.rc, -10);
     EXPECT_EQ(c.out, kReadRecordError);
@@ -274,15 +245,11 @@ TEST_F(YsInfoTest, FailingReadRecord) {
 }
 
 TEST_F(YsInfoTest, TraceWithTheLogSwitchOn) {
-    kolt::test::TempDir dir;
-    kolt::log::set_debug_dir(dir.str());
-    kolt::log::set_switch(1);
-    sim().set_contact_card(load("pboc_debit.json"));
+    kolt::test::DebugLogCapture debug;
+    sim().set_contact_card(load_card("pboc_debit.json"));
     const YsCall c = ys(0, "AB");
-    kolt::log::set_switch(0);
+    const std::string trace = debug.text();
     EXPECT_EQ(c.rc, 0);
-    std::string trace;
-    for (const auto& f : std::filesystem::directory_iterator(dir.path())) trace += kolt::test::read_file(f.path());
     for (const char* line : {"] IC_GetInfo ICtype = 0\n", "] IC_GetInfo ctagList = AB\n",
                              "] IC_GetInfo myctagList = ABJ\n", "] IC_GetInfo nAFL i=0\n",
                              "] IC_GetInfo AIPAFLBuf j=1\n", "] IC_GetInfo All TagList is finded\n",
@@ -294,6 +261,34 @@ TEST_F(YsInfoTest, TraceWithTheLogSwitchOn) {
     EXPECT_NE(trace.find("] IC_GetInfo infoBuf=41 30 31 39 "), std::string::npos);
     EXPECT_NE(trace.find("] IC_GetInfo lpicappdata=41 13 36 32 "), std::string::npos);
 }
+
+// ---------------------------------------------------------------------------
+// The same multi-letter request on every shipped card, each in its own slot.
+
+class YsShippedCardTest : public kolt::test::SimTest,
+                          public ::testing::WithParamInterface<kolt::test::ShippedCard> {};
+
+TEST_P(YsShippedCardTest, MultiLetterRequest) {
+    const kolt::test::ShippedCard& c = GetParam();
+    auto card = load_card(c.name);
+    if (c.contactless) sim().set_contactless_card(card);
+    else sim().set_contact_card(card);
+    const YsCall call = ys(c.contactless ? 1 : 0, "ABEG");
+    if (c.init != 0) {
+        // A locked application is a failure in this convention too.
+        EXPECT_EQ(call.rc, -10);
+        EXPECT_EQ(call.out, kCardInitError);
+        return;
+    }
+    using kolt::test::field;
+    std::string track = c.track2.empty() ? "" : c.track2.substr(0, c.track2.size() - 1);
+    std::replace(track.begin(), track.end(), 'D', '=');
+    EXPECT_EQ(call.rc, 0);
+    EXPECT_EQ(call.out, field('A', c.pan) + field('B', track) + field('E', c.expiry) + field('G', c.sequence));
+    EXPECT_EQ(call.kind, c.contactless ? 2 : 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Cards, YsShippedCardTest, ::testing::ValuesIn(kolt::test::shipped_cards()));
 
 // ---------------------------------------------------------------------------
 // The YS answer format on its own.
@@ -320,87 +315,93 @@ TEST(YsFormat, EmptyTrackTwo) {
 
 class IcGetInfoTest : public kolt::test::SimTest {};
 
+// IC_GetInfo with the three ignored integers set, the caller's variables
+// preset (IC type as given, output length -7) and an output of 'x'.
+struct IcInfoCall {
+    int rc = 0;
+    int32_t ic_type = 0;
+    int32_t len = -7;
+    std::vector<char> out = std::vector<char>(1024, 'x');
+    std::string text() const { return std::string(out.data()); }
+};
+
+IcInfoCall ic_info(const std::string& port, int32_t ic_type, const char* letters) {
+    IcInfoCall c;
+    c.ic_type = ic_type;
+    c.out.back() = '\0';
+    c.rc = IC_GetInfo(port.c_str(), 11, 22, 33, &c.ic_type, "", letters, &c.len, c.out.data());
+    return c;
+}
+
 TEST_F(IcGetInfoTest, ContactCard) {
-    auto card = load("pboc_debit.json");
-    sim().set_contact_card(card);
+    sim().set_contact_card(load_card("pboc_debit.json"));
     const std::string port = gPortName;
     std::memset(gPortName, 0, sizeof gPortName);  // the call sets it itself
-    int32_t ic_type = 1;
-    int32_t len = -7;
-    std::vector<char> out(1024, 0);
-    EXPECT_EQ(IC_GetInfo(port.c_str(), 11, 22, 33, &ic_type, "", "AEG", &len, out.data()), 0);
+    const IcInfoCall c = ic_info(port, 1, "AEG");
+    EXPECT_EQ(c.rc, 0);
     const std::string expected = "A019" + kPan + "E006301231" + "G00201";
-    EXPECT_EQ(std::string(out.data()), expected);
-    EXPECT_EQ(len, static_cast<int32_t>(expected.size()));
-    EXPECT_EQ(ic_type, 1);
+    EXPECT_EQ(c.text(), expected);
+    EXPECT_EQ(c.len, static_cast<int32_t>(expected.size()));
+    EXPECT_EQ(c.ic_type, 1);
     EXPECT_EQ(std::string(gPortName), port);
 }
 
 TEST_F(IcGetInfoTest, ContactlessCard) {
-    auto card = load("qpboc_contactless.json");
-    sim().set_contactless_card(card);
-    int32_t ic_type = 2;
-    int32_t len = -7;
-    std::vector<char> out(1024, 0);
-    EXPECT_EQ(IC_GetInfo(sim().port_name().c_str(), 0, 0, 0, &ic_type, "", "AG", &len, out.data()), 0);
-    EXPECT_EQ(std::string(out.data()), "A019" "6299990000002468019" "G00201");
-    EXPECT_EQ(len, 29);
-    EXPECT_EQ(ic_type, 2);
+    sim().set_contactless_card(load_card("qpboc_contactless.json"));
+    const IcInfoCall c = ic_info(sim().port_name(), 2, "AG");
+    EXPECT_EQ(c.rc, 0);
+    EXPECT_EQ(c.text(), "A019" "6299990000002468019" "G00201");
+    EXPECT_EQ(c.len, 29);
+    EXPECT_EQ(c.ic_type, 2);
 }
 
 TEST_F(IcGetInfoTest, AutomaticSlot) {
-    auto card = load("qpboc_contactless.json");
-    sim().set_contactless_card(card);
-    int32_t ic_type = 3;
-    int32_t len = -7;
-    std::vector<char> out(1024, 0);
-    EXPECT_EQ(IC_GetInfo(sim().port_name().c_str(), 0, 0, 0, &ic_type, "", "G", &len, out.data()), 0);
-    EXPECT_EQ(std::string(out.data()), "G00201");
-    EXPECT_EQ(ic_type, 2);
+    sim().set_contactless_card(load_card("qpboc_contactless.json"));
+    const IcInfoCall c = ic_info(sim().port_name(), 3, "G");
+    EXPECT_EQ(c.rc, 0);
+    EXPECT_EQ(c.text(), "G00201");
+    EXPECT_EQ(c.ic_type, 2);
+}
+
+TEST_F(IcGetInfoTest, LowestIcTypeReadsAsContact) {
+    sim().set_contact_card(load_card("pboc_debit.json"));
+    const IcInfoCall c = ic_info(sim().port_name(), INT32_MIN, "A");
+    EXPECT_EQ(c.rc, 0);
+    EXPECT_EQ(c.text(), "A019" + kPan);
+    EXPECT_EQ(c.ic_type, 1);
 }
 
 TEST_F(IcGetInfoTest, FailuresFoldToMinus99) {
-    auto card = load("app_locked.json");
-    sim().set_contact_card(card);
-    int32_t ic_type = 1;
-    int32_t len = -7;
-    std::vector<char> out(1024, 0);
-    EXPECT_EQ(IC_GetInfo(sim().port_name().c_str(), 0, 0, 0, &ic_type, "", "A", &len, out.data()), -99);
-    EXPECT_EQ(std::string(out.data()), kCardInitError);
-    EXPECT_EQ(len, -7);
-    EXPECT_EQ(ic_type, 1);
+    sim().set_contact_card(load_card("app_locked.json"));
+    const IcInfoCall c = ic_info(sim().port_name(), 1, "A");
+    EXPECT_EQ(c.rc, -99);
+    EXPECT_EQ(c.text(), kCardInitError);
+    EXPECT_EQ(c.len, -7);
+    EXPECT_EQ(c.ic_type, 1);
 }
 
 TEST_F(IcGetInfoTest, NoCardFoldsToMinus99) {
-    int32_t ic_type = 1;
-    int32_t len = -7;
-    std::vector<char> out(1024, 0);
-    EXPECT_EQ(IC_GetInfo(sim().port_name().c_str(), 0, 0, 0, &ic_type, "", "A", &len, out.data()), -99);
-    EXPECT_EQ(std::string(out.data()), kContactNotInserted);
+    const IcInfoCall c = ic_info(sim().port_name(), 1, "A");
+    EXPECT_EQ(c.rc, -99);
+    EXPECT_EQ(c.text(), kContactNotInserted);
 }
 
 TEST_F(IcGetInfoTest, PortThatCannotBeOpened) {
-    int32_t ic_type = 1;
-    int32_t len = -7;
-    std::vector<char> out(64, 'x');
-    EXPECT_EQ(IC_GetInfo("kolt-no-such-device", 0, 0, 0, &ic_type, "", "A", &len, out.data()), -3);
-    EXPECT_EQ(out[0], 'x');  // nothing written
-    EXPECT_EQ(len, -7);
+    const IcInfoCall c = ic_info("kolt-no-such-device", 1, "A");
+    EXPECT_EQ(c.rc, -3);
+    EXPECT_EQ(c.out[0], 'x');  // nothing written
+    EXPECT_EQ(c.len, -7);
     EXPECT_EQ(std::string(gPortName), "kolt-no-such-device");
 }
 
 TEST_F(IcGetInfoTest, NullArgumentsDoNotCrash) {
     EXPECT_EQ(IC_GetInfo(nullptr, 0, 0, 0, nullptr, nullptr, nullptr, nullptr, nullptr), -3);
-    sim().set_contact_card(load("pboc_debit.json"));
+    sim().set_contact_card(load_card("pboc_debit.json"));
     EXPECT_EQ(IC_GetInfo(sim().port_name().c_str(), 0, 0, 0, nullptr, nullptr, nullptr, nullptr, nullptr), 0);
 }
 
 TEST_F(IcGetInfoTest, LongPortNameIsCut) {
-    const std::string name(100, 'p');
-    int32_t ic_type = 1;
-    int32_t len = -7;
-    std::vector<char> out(64, 0);
-    EXPECT_EQ(IC_GetInfo(name.c_str(), 0, 0, 0, &ic_type, "", "A", &len, out.data()), -3);
+    EXPECT_EQ(ic_info(std::string(100, 'p'), 1, "A").rc, -3);
     EXPECT_EQ(std::string(gPortName), std::string(31, 'p'));
 }
 

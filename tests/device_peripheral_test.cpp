@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "common/pty_util.hpp"
 #include "common/sim_fixture.hpp"
 #include "common/test_util.hpp"
 #include "device/peripheral.hpp"
@@ -18,22 +19,10 @@ using kolt::sim::Fault;
 using kolt::sim::Framing;
 using kolt::test::to_hex;
 using Bytes = std::vector<uint8_t>;
-using Clock = std::chrono::steady_clock;
+using kolt::test::elapsed_ms;
 
-long long ms_since(Clock::time_point t) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count();
-}
-
-class Peripheral : public kolt::test::SimTest {
+class Peripheral : public kolt::test::LinkedSimTest {
 protected:
-    void SetUp() override {
-        SimTest::SetUp();
-        ASSERT_EQ(KOLT_initCom(0, "", 1, ""), 0);
-    }
-    void TearDown() override {
-        KOLT_freeCom(0, 1, "");
-        SimTest::TearDown();
-    }
     // The last command the reader received.
     kolt::sim::Command last() {
         EXPECT_TRUE(sim().wait_for_commands(1, 2000));
@@ -80,10 +69,10 @@ TEST_F(Peripheral, BuzzIgnoresTheStatus) {
 }
 
 TEST_F(Peripheral, BuzzWithoutAValidReplyGivesMinusOne) {
-    sim().inject(Fault{Fault::Truncate});
-    const auto start = Clock::now();
+    // A damaged reply counts as none (a missing one would take the whole
+    // six-second time-out to tell).
+    sim().inject(Fault{Fault::BadCheck});
     EXPECT_EQ(KOLT_T41_Buzz(), -1);
-    EXPECT_LT(ms_since(start), 6500);
 }
 
 TEST_F(Peripheral, IdentityLedCallsDriveTheContactlessLedGreen) {
@@ -139,9 +128,7 @@ TEST_F(Peripheral, SigleOperateSendsClassAndCodeWithoutData) {
 
 TEST_F(Peripheral, SigleOperateWithoutReplyGivesMinusOneWithinItsTimeOut) {
     sim().inject(Fault{Fault::NoReply});
-    const auto start = Clock::now();
-    EXPECT_EQ(KOLT_T41_SigleOperate(0x38, 0x97), -1);
-    EXPECT_LT(ms_since(start), 3500);
+    EXPECT_LT(elapsed_ms([&] { EXPECT_EQ(KOLT_T41_SigleOperate(0x38, 0x97), -1); }), 3500);
 }
 
 TEST_F(Peripheral, FindCardSendsTwoZeroBytes) {
@@ -156,27 +143,25 @@ TEST_F(Peripheral, FindCardWithStatus0001GivesMinusTwo) {
 
 TEST_F(Peripheral, FindCardWithoutReplyGivesMinusOne) {
     sim().inject(Fault{Fault::NoReply});
-    const auto start = Clock::now();
-    EXPECT_EQ(KOLT_T41_Id_FindCard(), -1);
-    EXPECT_LT(ms_since(start), 2500);
+    EXPECT_LT(elapsed_ms([&] { EXPECT_EQ(KOLT_T41_Id_FindCard(), -1); }), 2500);
 }
 
 TEST_F(Peripheral, SelectCard) {
+    kolt::test::away_from_second_boundary();  // its time-out is one second
     EXPECT_EQ(KOLT_T41_Id_SelectCard(), 0);
     expect_last(0x35, 0x81, {});
 }
 
 TEST_F(Peripheral, SelectCardWithoutCardGivesMinusTwo) {
     sim().set_id_answer(std::nullopt);
+    kolt::test::away_from_second_boundary();
     EXPECT_EQ(KOLT_T41_Id_SelectCard(), -2);
     EXPECT_EQ(KOLT_T41_Id_FindCard(), -2);
 }
 
 TEST_F(Peripheral, SelectCardWithoutReplyGivesMinusOne) {
     sim().inject(Fault{Fault::NoReply});
-    const auto start = Clock::now();
-    EXPECT_EQ(KOLT_T41_Id_SelectCard(), -1);
-    EXPECT_LT(ms_since(start), 1500);
+    EXPECT_LT(elapsed_ms([&] { EXPECT_EQ(KOLT_T41_Id_SelectCard(), -1); }), 1500);
 }
 
 // ---- Identity-card read: the whole decoded frame stays in the buffer.
@@ -217,9 +202,7 @@ TEST_F(Peripheral, ReadIdCardUsesTheCallersTimeOut) {
     std::vector<uint8_t> reply(KOLT_T41_REPLY_MAX);
     EXPECT_GT(KOLT_T41_ReadIDCard(reply.data(), 2), 5);
     sim().inject(Fault{Fault::NoReply});
-    const auto start = Clock::now();
-    EXPECT_EQ(KOLT_T41_ReadIDCard(reply.data(), 1), -1);
-    EXPECT_LT(ms_since(start), 1500);
+    EXPECT_LT(elapsed_ms([&] { EXPECT_EQ(KOLT_T41_ReadIDCard(reply.data(), 1), -1); }), 1500);
 }
 
 TEST_F(Peripheral, ReadIdCardWithoutCardGivesMinusTwo) {

@@ -7,8 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "common/sim_fixture.hpp"
-#include "common/test_util.hpp"
+#include "common/card_flow.hpp"
 #include "emv/app_select.hpp"
 #include "emv/tags.hpp"
 #include "kolt/kolt.h"
@@ -22,15 +21,8 @@ namespace emv = kolt::emv;
 
 namespace {
 
-std::shared_ptr<ProfileCard> card(const std::string& name) {
-    return ProfileCard::load_file(std::string(KOLT_SIM_PROFILE_DIR) + "/../cards/" + name + ".json");
-}
-
-std::vector<std::string> apdus(const ProfileCard& c) {
-    std::vector<std::string> out;
-    for (const auto& a : c.apdus()) out.push_back(to_hex(a));
-    return out;
-}
+std::shared_ptr<ProfileCard> card(const std::string& name) { return kolt::test::load_card(name); }
+std::vector<std::string> apdus(const ProfileCard& c) { return kolt::test::apdus_hex(c); }
 
 bool sent_gpo(const ProfileCard& c) {
     const auto all = apdus(c);
@@ -55,17 +47,12 @@ struct Outputs {
     int32_t log_len = -9;
 };
 
-class AppSelect : public kolt::test::SimTest {
+class AppSelect : public kolt::test::LinkedSimTest {
 protected:
     void SetUp() override {
-        SimTest::SetUp();
-        ASSERT_EQ(KOLT_initCom(0, "", 1, ""), 0);
+        LinkedSimTest::SetUp();
         emv::clear_working_state();
         initTagListValue();
-    }
-    void TearDown() override {
-        KOLT_freeCom(0, 1, "");
-        SimTest::TearDown();
     }
     Outputs init(uint32_t slot, const std::vector<uint8_t>* list = nullptr, uint32_t timeout = 3) {
         Outputs o;
@@ -202,15 +189,11 @@ TEST_F(AppSelect, CppFormHandsBackTheAfl) {
 }
 
 TEST_F(AppSelect, StepsAreTracedWhenTheLogIsOn) {
-    kolt::test::TempDir dir;
-    kolt::log::set_debug_dir(dir.str());
-    kolt::log::set_switch(1);
+    kolt::test::DebugLogCapture debug;
     sim().set_contactless_card(card("qpboc_contactless"));
     EXPECT_EQ(init(0xFF).result, 0);
     EXPECT_EQ(KOLT_T41_ICC_GetCardAppState(0xFF), 0x9000);
-    kolt::log::set_switch(0);
-
-    const std::string log = kolt::test::read_file(kolt::log::file_in(dir.str()));
+    const std::string log = debug.text();
     for (const char* line : {"KOLT_T41_InitICCardApp CAPDU_Select_1PAYSYSDDF01=0", "KOLT_T41_InitICCardApp cSfi = 1",
                              "KOLT_T41_InitICCardApp x9F x66 9F66049F02069F37045F2A029A03",
                              "KOLT_T41_InitICCardApp nRet=0", "KOLT_T41_IsLockCardApp CAPDU_Select_1PAYSYSDDF01=0",

@@ -56,12 +56,17 @@ TEST(EmvDol, UnpredictableNumberIsAlwaysFourBytes) {
     EXPECT_EQ(build("9F 37 02 9F 35 01"), "1122334430");
 }
 
-TEST(EmvDol, QualifiersAndEcIndicatorCountTheCardsLength) {
+TEST(EmvDol, QualifiersCountTheCardsLength) {
     EXPECT_EQ(build("9F 7A 01"), "01");
     EXPECT_EQ(build("9F 66 04 9F 7A 01"), "F400000001");
     // Four bytes are written, two counted: the next entry lands on the third.
     EXPECT_EQ(build("9F 66 02 9F 7A 01"), "F40001");
     EXPECT_EQ(build("9F 66 06"), "F40000000000");
+}
+
+TEST(EmvDol, EcIndicatorIsOneByteWhateverTheCardsLength) {
+    EXPECT_EQ(build("9F 7A 02 9F 35 01"), "0130");
+    EXPECT_EQ(build("9F 7A 00 9F 35 01"), "0130");
 }
 
 TEST(EmvDol, DateInShortForm) {

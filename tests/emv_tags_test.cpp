@@ -255,6 +255,17 @@ TEST(EmvSearch, OuterMatchLaterInTheBufferOverwritesANestedOne) {
     EXPECT_EQ(to_hex(out, 2), "0002");
 }
 
+TEST(EmvSearch, FirstMatchInsideATemplateEndsThatTemplate) {
+    // Inside the template the search ends with its first match; only an
+    // outer item could overwrite it.
+    const auto buf = from_hex("70 0A 9F 36 02 00 01 9F 36 02 00 02");
+    uint8_t out[256] = {};
+    int32_t len = -1;
+    EXPECT_EQ(KOLT_T41_GetTagValue(buf.data(), static_cast<int32_t>(buf.size()), "\x9F\x36", out, &len, 0), 0);
+    EXPECT_EQ(len, 2);
+    EXPECT_EQ(to_hex(out, 2), "0001");
+}
+
 TEST(EmvSearch, NestedSearchesStopOnceAValueIsFound) {
     // The second template's ATC is not searched: a value is already held.
     const auto buf = from_hex("70 05 9F 36 02 00 01 71 05 9F 36 02 00 02");

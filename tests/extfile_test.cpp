@@ -8,14 +8,13 @@
 #include "common/test_util.hpp"
 #include "kolt/kolt.h"
 #include "link/extfile.hpp"
-#include "support/log.hpp"
 
 using kolt::test::ScopedEnv;
 using kolt::test::TempDir;
 
 namespace {
 
-const std::string kEsc = "\x1b";
+using kolt::test::kEsc;
 
 // A DCCHOME with the command file in its place.
 struct ExtFile {
@@ -36,18 +35,10 @@ struct Outs {
     }
 };
 
-const char* kType51 =
-    "# teller terminal sequences\n"
-    "[TERM_51_KOLT510QX]\n"
-    "OPEN_COM1=\\033[/50h\n"
-    "CLOSE_COM1=\\033[/50l\n"
-    "LOCK_KEY=1B5B3268\n"
-    "UNLOCK_KEY=1B5B326C\n"
-    "CMD_BEGIN=\\033[/51h\n"
-    "CMD_END=\\033[/51l\n"
-    "[TRANSFER_51_KOLT510QX]\n"
-    "OPEN_PORTA=1B5B3F3130681B\n"
-    "OPEN_PORTB=1B5B3F3131\n";
+const std::string kType51 = "# teller terminal sequences\n" + kolt::test::kTerm51Section +
+                            "[TRANSFER_51_KOLT510QX]\n"
+                            "OPEN_PORTA=1B5B3F3130681B\n"
+                            "OPEN_PORTB=1B5B3F3131\n";
 
 }  // namespace
 
@@ -69,15 +60,11 @@ TEST(ExtPath, FixedPathWhenNullText) {
 }
 
 TEST(ExtPath, PathIsLogged) {
-    TempDir logs;
-    kolt::log::set_debug_dir(logs.str());
-    kolt::log::set_switch(1);
+    kolt::test::DebugLogCapture logs;
     ExtFile f(kType51);
     Outs o;
     o.read("51", "1");
-    char ym[8] = {0};
-    getNowYearMonth(ym);
-    const std::string text = kolt::test::read_file(logs.str() + "/koltIccheck" + ym + ".log");
+    const std::string text = logs.text();
     EXPECT_NE(text.find("getTermCmdFromExtfile idcread.ext path=" + f.path + "\n"), std::string::npos) << text;
     EXPECT_NE(text.find("getTermCmdFromExtfile return ncmd=2\n"), std::string::npos);
     EXPECT_NE(text.find("getTermCmdFromExtfile KOLT_getValueFromStr key_lock_cmd=1b 5b 32 68 \n"), std::string::npos);
@@ -124,16 +111,23 @@ TEST(TermCmd, LockKeyIsNotTakenFromUnlockLine) {
 }
 
 TEST(TermCmd, PortKeyMatchesBySubstring) {
-    // OPEN_COM1 also claims the line OPEN_COM12=: it is counted, and as the
-    // line holds no "OPEN_COM1=" its value is empty and replaces the one
-    // read before.
+    // OPEN_COM1 also claims the line OPEN_COM12=: it is counted, but as the
+    // line holds no "OPEN_COM1=" it has no value for port 1, and the one
+    // read before stays.
     ExtFile f("[TERM_55_KOLT510QX]\nOPEN_COM1=\\033[/50h\nCLOSE_COM1=\\033[/50l\nOPEN_COM12=\\033[/62h\n");
     Outs o;
     EXPECT_EQ(o.read("55", "1"), 3);
-    EXPECT_EQ(std::string(o.open), "");
+    EXPECT_EQ(std::string(o.open), kEsc + "[/50h");
     EXPECT_EQ(std::string(o.close), kEsc + "[/50l");
     Outs p;
     EXPECT_EQ(p.read("55", "2"), 0);  // port 2 has no entries
+}
+
+TEST(TermCmd, PortKeyClaimingAForeignLineCountsWithoutAValue) {
+    ExtFile f("[TERM_55_KOLT510QX]\nOPEN_COM12=\\033[/62h\nCLOSE_COM1=\\033[/50l\n");
+    Outs o;
+    EXPECT_EQ(o.read("55", "1"), 2);  // enough entries, but no open sequence
+    EXPECT_EQ(std::string(o.open), "");
 }
 
 TEST(TermCmd, KeyWithoutEqualsSignGivesEmptyValue) {
@@ -208,6 +202,15 @@ TEST(TermCmd, DoublePercentGivesOne) {
     EXPECT_EQ(std::string(o.lead), kEsc + "[%51h");
 }
 
+TEST(TermCmd, PercentBytesOfAHexValueStayDoubled) {
+    // Only the value text is formatted: the hex digits 2525 hold no "%%".
+    ExtFile f("[TERM_51_KOLT510QX]\nCMD_BEGIN=1B2525\nCMD_END=\\033%%%%\n");
+    Outs o;
+    o.read("51", "1");
+    EXPECT_EQ(std::string(o.lead), kEsc + "%%");
+    EXPECT_EQ(std::string(o.end), kEsc + "%%");
+}
+
 TEST(TermCmd, TabsAndLineEndsAreRemoved) {
     ExtFile f("[TERM_51_KOLT510QX]\r\n\tOPEN_COM1\t=\\033[/5\t0h\r\n");
     Outs o;
@@ -231,17 +234,13 @@ TEST(TermCmd, MissingFileGivesMinusOne) {
 }
 
 TEST(TermCmd, UnsetDccHomeLooksAtTheFixedPath) {
-    TempDir logs;
-    kolt::log::set_debug_dir(logs.str());
-    kolt::log::set_switch(1);
+    kolt::test::DebugLogCapture logs;
     ScopedEnv env("DCCHOME", std::nullopt);
     Outs o;
     o.read("51", "1");
     char out[256];
     KOLT_getTransferCmdFromExtfile("51", "A", out);
-    char ym[8] = {0};
-    getNowYearMonth(ym);
-    const std::string text = kolt::test::read_file(logs.str() + "/koltIccheck" + ym + ".log");
+    const std::string text = logs.text();
     EXPECT_NE(text.find("] getTermCmdFromExtfile idcread.ext path=/dcc/lxbs/font/idcread.ext\n"), std::string::npos)
         << text;
     EXPECT_NE(text.find("] getTransferCmdFromExtfile idcread.ext path=/dcc/lxbs/font/idcread.ext\n"),
@@ -249,16 +248,12 @@ TEST(TermCmd, UnsetDccHomeLooksAtTheFixedPath) {
 }
 
 TEST(TermCmd, MissingFileIsLogged) {
-    TempDir logs;
-    kolt::log::set_debug_dir(logs.str());
-    kolt::log::set_switch(1);
+    kolt::test::DebugLogCapture logs;
     TempDir dir;
     ScopedEnv env("DCCHOME", dir.str());
     Outs o;
     EXPECT_EQ(o.read("51", "1"), -1);
-    char ym[8] = {0};
-    getNowYearMonth(ym);
-    const std::string text = kolt::test::read_file(logs.str() + "/koltIccheck" + ym + ".log");
+    const std::string text = logs.text();
     EXPECT_NE(text.find("] getTermCmdFromExtfile fopen error" + dir.str() + "/lxbs/font/idcread.ext\n"),
               std::string::npos)
         << text;

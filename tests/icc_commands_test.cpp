@@ -6,8 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "common/sim_fixture.hpp"
-#include "common/test_util.hpp"
+#include "common/card_flow.hpp"
 #include "device/icc.hpp"
 #include "emv/tags.hpp"
 #include "kolt/kolt.h"
@@ -15,45 +14,20 @@
 #include "support/log.hpp"
 
 using kolt::sim::ProfileCard;
+using kolt::test::commands;
 using kolt::test::from_hex;
 using kolt::test::to_hex;
 
 namespace {
 
-std::shared_ptr<ProfileCard> card(const std::string& name) {
-    return ProfileCard::load_file(std::string(KOLT_SIM_PROFILE_DIR) + "/../cards/" + name + ".json");
-}
-
-// Main-frame commands of the transcript as "CLS CODE DATA" hex text.
-std::vector<std::string> commands(const kolt::sim::Simulator& sim) {
-    std::vector<std::string> out;
-    for (const auto& c : sim.transcript()) {
-        if (c.framing != kolt::sim::Framing::Main) continue;
-        out.push_back(to_hex(&c.cls, 1) + " " + to_hex(&c.code, 1) + " " + to_hex(c.data));
-    }
-    return out;
-}
-
-std::vector<std::string> apdus(const ProfileCard& c) {
-    std::vector<std::string> out;
-    for (const auto& a : c.apdus()) out.push_back(to_hex(a));
-    return out;
-}
+std::shared_ptr<ProfileCard> card(const std::string& name) { return kolt::test::load_card(name); }
+std::vector<std::string> apdus(const ProfileCard& c) { return kolt::test::apdus_hex(c); }
 
 constexpr uint32_t sw(int value) { return static_cast<uint32_t>(value); }
 
-// A simulated reader with the link open (local port on the simulator's
-// pseudo-terminal).
-class Icc : public kolt::test::SimTest {
+// A simulated reader with the link open.
+class Icc : public kolt::test::LinkedSimTest {
 protected:
-    void SetUp() override {
-        SimTest::SetUp();
-        ASSERT_EQ(KOLT_initCom(0, "", 1, ""), 0);
-    }
-    void TearDown() override {
-        KOLT_freeCom(0, 1, "");
-        SimTest::TearDown();
-    }
     // Powers the contact card on (slot 0x00) and forgets what was sent.
     void power_contact(const std::shared_ptr<ProfileCard>& c) {
         sim().set_contact_card(c);
@@ -62,7 +36,30 @@ protected:
         sim().clear_transcript();
         c->clear_apdus();
     }
+    // Powers the contact card on, selects the reference application (issuer
+    // scripts need one) and forgets what the card received.
+    void select_reference(const std::shared_ptr<ProfileCard>& c) {
+        power_contact(c);
+        const uint8_t aid[] = {0xF0, 0x4B, 0x4F, 0x4C, 0x54, 0x01, 0x01, 0x01};
+        uint8_t out[256] = {};
+        int32_t len = -1;
+        ASSERT_EQ(KOLT_T41_ICC_Select_Aid(0x00, aid, 8, out, &len, 3), sw(0x9000));
+        c->clear_apdus();
+    }
 };
+
+// READ RECORD 1 of SFI 1 as a raw exchange on slot 0x00: the result, and
+// the response length (preset to -1).
+struct RawRead {
+    int32_t rc = 0;
+    int32_t len = -1;
+};
+RawRead raw_read_record(uint8_t* out, uint32_t timeout) {
+    const uint8_t cmd[] = {0x00, 0xB2, 0x01, 0x0C, 0x00};
+    RawRead r;
+    r.rc = KOLT_T41_APDUBuf(0x00, cmd, 5, out, &r.len, timeout);
+    return r;
+}
 
 }  // namespace
 
@@ -244,21 +241,19 @@ TEST_F(Icc, BufferFormReturnsResponseAndStatus) {
 
 TEST_F(Icc, DeviceFailureOfAnExchangeIsItsCode) {
     sim().set_contact_card(card("pboc_debit"));  // inserted, not powered
-    const uint8_t cmd[] = {0x00, 0xB2, 0x01, 0x0C, 0x00};
     uint8_t out[256] = {};
-    int32_t len = -1;
-    EXPECT_EQ(KOLT_T41_APDUBuf(0x00, cmd, 5, out, &len, 3), ICC_Contact_Not_Powered);
-    EXPECT_EQ(len, 0);
+    const RawRead r = raw_read_record(out, 3);
+    EXPECT_EQ(r.rc, ICC_Contact_Not_Powered);
+    EXPECT_EQ(r.len, 0);
 }
 
 TEST_F(Icc, ExchangeWithoutValidReplyIsRevdataError) {
     power_contact(card("pboc_debit"));
     sim().inject_for(0x32, 0x26, kolt::sim::Fault{kolt::sim::Fault::BadCheck, 0});
-    const uint8_t cmd[] = {0x00, 0xB2, 0x01, 0x0C, 0x00};
     uint8_t out[256] = {};
-    int32_t len = -1;
-    EXPECT_EQ(KOLT_T41_APDUBuf(0x00, cmd, 5, out, &len, 2), Revdata_Error);
-    EXPECT_EQ(len, 0);
+    const RawRead r = raw_read_record(out, 2);
+    EXPECT_EQ(r.rc, Revdata_Error);
+    EXPECT_EQ(r.len, 0);
 }
 
 TEST_F(Icc, ResponseLongerThanTheBufferIsRefused) {
@@ -266,12 +261,12 @@ TEST_F(Icc, ResponseLongerThanTheBufferIsRefused) {
     big.data.push_back(0x90);
     big.data.push_back(0x00);
     sim().set_reply(0x32, 0x26, big);
-    const uint8_t cmd[] = {0x00, 0xB2, 0x01, 0x0C, 0x00};
     std::vector<uint8_t> out(400, 0xEE);
-    int32_t len = -1;
-    EXPECT_EQ(KOLT_T41_APDUBuf(0x00, cmd, 5, out.data(), &len, 3), Lenth_Error);
-    EXPECT_EQ(len, 0);
+    const RawRead r = raw_read_record(out.data(), 3);
+    EXPECT_EQ(r.rc, Lenth_Error);
+    EXPECT_EQ(r.len, 0);
     EXPECT_EQ(out[0], 0xEE);
+    int32_t len = -1;
     // READ RECORD through the card-level path: the same code, unsigned.
     EXPECT_EQ(KOLT_T41_ICC_Comm_Read_Record(0x00, 1, 1, out.data(), &len, 3), sw(Lenth_Error));
     // A response of 255 bytes (and its zero) still fits.
@@ -420,11 +415,9 @@ TEST_F(Icc, ScriptCommandOfThreeBytesIsRefused) {
 
 TEST_F(Icc, ScriptCommandIsSentAsItStands) {
     auto c = card("pboc_debit");
-    power_contact(c);
-    const uint8_t aid[] = {0xF0, 0x4B, 0x4F, 0x4C, 0x54, 0x01, 0x01, 0x01};
+    select_reference(c);
     uint8_t out[256] = {};
     int32_t len = -1;
-    ASSERT_EQ(KOLT_T41_ICC_Select_Aid(0x00, aid, 8, out, &len, 3), sw(0x9000));
     const uint8_t cmd[] = {0x84, 0x18, 0x00, 0x00, 0x00};
     EXPECT_EQ(KOLT_T41_Exec_Script(0x00, cmd, 5, out, &len, 3), sw(0x9000));
     EXPECT_EQ(apdus(*c).back(), "8418000000");
@@ -432,14 +425,9 @@ TEST_F(Icc, ScriptCommandIsSentAsItStands) {
 
 TEST_F(Icc, TwoScriptsWithTheSecondFailing) {
     auto c = card("pboc_debit");
-    power_contact(c);
-    const uint8_t aid[] = {0xF0, 0x4B, 0x4F, 0x4C, 0x54, 0x01, 0x01, 0x01};
-    uint8_t out[256] = {};
-    int32_t len = -1;
-    ASSERT_EQ(KOLT_T41_ICC_Select_Aid(0x00, aid, 8, out, &len, 3), sw(0x9000));
+    select_reference(c);
     const uint8_t prefix[] = {0x84, 0x1E};
     c->override_sw(prefix, 0x6985);
-    c->clear_apdus();
 
     const auto script = from_hex("86 05 84 18 00 00 00  86 05 84 1E 00 00 00");
     int32_t executed = -1;
@@ -451,12 +439,7 @@ TEST_F(Icc, TwoScriptsWithTheSecondFailing) {
 
 TEST_F(Icc, ScriptsAllSucceeding) {
     auto c = card("pboc_debit");
-    power_contact(c);
-    const uint8_t aid[] = {0xF0, 0x4B, 0x4F, 0x4C, 0x54, 0x01, 0x01, 0x01};
-    uint8_t out[256] = {};
-    int32_t len = -1;
-    ASSERT_EQ(KOLT_T41_ICC_Select_Aid(0x00, aid, 8, out, &len, 3), sw(0x9000));
-    c->clear_apdus();
+    select_reference(c);
     const auto script = from_hex("86 05 84 18 00 00 00  86 0B 04 DA 9F 79 06 00 00 00 00 05 00  86 05 84 18 00 00 00");
     int32_t executed = -1;
     EXPECT_EQ(KOLT_T41_Exec_MutiScript(0x00, script.data(), static_cast<int32_t>(script.size()), &executed, 3),
@@ -479,9 +462,7 @@ TEST_F(Icc, ScriptWithoutCommandsExecutesNothing) {
 // --- trace -----------------------------------------------------------------
 
 TEST_F(Icc, StepsAreTracedWhenTheLogIsOn) {
-    kolt::test::TempDir dir;
-    kolt::log::set_debug_dir(dir.str());
-    kolt::log::set_switch(1);
+    kolt::test::DebugLogCapture debug;
     sim().set_contact_card(card("pboc_debit"));
     int32_t slot = -1;
     ASSERT_EQ(KOLT_T41_ICC_Poweron(0x00, 3, &slot), OK);
@@ -489,9 +470,7 @@ TEST_F(Icc, StepsAreTracedWhenTheLogIsOn) {
     const uint8_t tag[2] = {0x9F, 0x36};
     EXPECT_EQ(KOLT_T41_ICC_GetData(0x00, tag, out, 3), sw(0x9000));
     EXPECT_EQ(KOLT_T41_ICC_Poweroff(0x00), OK);
-    kolt::log::set_switch(0);
-
-    const std::string log = kolt::test::read_file(kolt::log::file_in(dir.str()));
+    const std::string log = debug.text();
     for (const char* line : {"KOLT_T41_ICC_Poweron slotNo=0", "KOLT_T41_ICC_GetData......",
                              "KOLT_T41_ICC_SingleAPDUWrite......", "KOLT_T41_ICC_SingleAPDUWrite sw=9000",
                              "KOLT_T41_APDUBuf......", "KOLT_T41_ICC_Poweroff......"}) {

@@ -1,9 +1,5 @@
 // Timed read and write primitives of the device link, on a real
 // pseudo-terminal: the test plays the far end on the master side.
-#include <fcntl.h>
-#include <poll.h>
-#include <stdlib.h>
-#include <termios.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -15,61 +11,16 @@
 #include <thread>
 #include <vector>
 
+#include "common/pty_util.hpp"
 #include "kolt/kolt.h"
 #include "link/io.hpp"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-long long ms_since(Clock::time_point t) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count();
-}
-
-// A pseudo-terminal pair: the slave side in raw mode is the link end.
-class Pty {
-public:
-    Pty() {
-        master_ = ::posix_openpt(O_RDWR | O_NOCTTY);
-        if (master_ < 0 || ::grantpt(master_) != 0 || ::unlockpt(master_) != 0) std::abort();
-        slave_path_ = ::ptsname(master_);
-        slave_ = ::open(slave_path_.c_str(), O_RDWR | O_NOCTTY);
-        if (slave_ < 0) std::abort();
-        termios t{};
-        ::tcgetattr(slave_, &t);
-        ::cfmakeraw(&t);
-        t.c_cc[VMIN] = 0;
-        t.c_cc[VTIME] = 0;
-        ::tcsetattr(slave_, TCSANOW, &t);
-    }
-    ~Pty() {
-        if (slave_ >= 0) ::close(slave_);
-        ::close(master_);
-    }
-    int slave() const { return slave_; }
-    int master() const { return master_; }
-
-    void send(const std::string& s) const { ASSERT_EQ(::write(master_, s.data(), s.size()), (ssize_t)s.size()); }
-    // What arrived on the master side within ms.
-    std::string take(int ms = 200) const {
-        std::string got;
-        char buf[512];
-        const auto start = Clock::now();
-        while (ms_since(start) < ms) {
-            pollfd p{master_, POLLIN, 0};
-            if (::poll(&p, 1, 20) > 0) {
-                const ssize_t n = ::read(master_, buf, sizeof buf);
-                if (n > 0) got.append(buf, static_cast<size_t>(n));
-            }
-        }
-        return got;
-    }
-
-private:
-    int master_ = -1;
-    int slave_ = -1;
-    std::string slave_path_;
-};
+using kolt::test::Clock;
+using kolt::test::elapsed_ms;
+using kolt::test::ms_since;
+using kolt::test::Pty;
 
 std::vector<uint8_t> buffer(size_t n) { return std::vector<uint8_t>(n, 0xEE); }
 
@@ -230,9 +181,7 @@ TEST(LinkIo, ClearComBufDiscardsPendingInput) {
 
 TEST(LinkIo, ClearComBufOnAQuietLineReturnsAtOnce) {
     Pty pty;
-    const auto start = Clock::now();
-    EXPECT_EQ(KOLT_clearComBuf(pty.slave()), 0);
-    EXPECT_LT(ms_since(start), 1000);
+    EXPECT_LT(elapsed_ms([&] { EXPECT_EQ(KOLT_clearComBuf(pty.slave()), 0); }), 1000);
 }
 
 TEST(LinkIo, ClearComBufGivesUpAfterFiveSecondsOfContinuousData) {

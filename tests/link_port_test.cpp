@@ -3,8 +3,6 @@
 // checked byte for byte on a real pseudo-terminal.
 #include <dirent.h>
 #include <fcntl.h>
-#include <poll.h>
-#include <stdlib.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -17,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/pty_util.hpp"
 #include "common/test_util.hpp"
 #include "kolt/kolt.h"
 #include "link/aux_tables.hpp"
@@ -25,59 +24,17 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using kolt::test::FarEnd;
+using kolt::test::kEsc;
+using kolt::test::Pty;
 using kolt::test::ScopedEnv;
+using kolt::test::ScopedStdin;
 using kolt::test::TempDir;
-using kolt::test::to_hex;
 
-const std::string ESC = "\x1b";
-
-long long ms_since(Clock::time_point t) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count();
-}
-
-// A pseudo-terminal whose master side the test reads; the slave side keeps
-// the terminal's default settings until the library changes them.
-class Pty {
-public:
-    Pty() {
-        master_ = ::posix_openpt(O_RDWR | O_NOCTTY);
-        if (master_ < 0 || ::grantpt(master_) != 0 || ::unlockpt(master_) != 0) std::abort();
-        path_ = ::ptsname(master_);
-        keep_ = ::open(path_.c_str(), O_RDWR | O_NOCTTY);  // keeps the line up
-        if (keep_ < 0) std::abort();
-    }
-    ~Pty() {
-        ::close(keep_);
-        ::close(master_);
-    }
-    const std::string& path() const { return path_; }
-    std::string name() const { return path_.substr(5); }  // below "/dev/"
-    int slave() const { return keep_; }
-    void send(const std::string& s) const { (void)!::write(master_, s.data(), s.size()); }
-    std::string take(int ms = 150) const {
-        std::string got;
-        char buf[512];
-        const auto start = Clock::now();
-        while (ms_since(start) < ms) {
-            pollfd p{master_, POLLIN, 0};
-            if (::poll(&p, 1, 10) > 0) {
-                const ssize_t n = ::read(master_, buf, sizeof buf);
-                if (n > 0) got.append(buf, static_cast<size_t>(n));
-            }
-        }
-        return got;
-    }
-    termios attrs() const {
-        termios t{};
-        ::tcgetattr(keep_, &t);
-        return t;
-    }
-
-private:
-    int master_ = -1;
-    int keep_ = -1;
-    std::string path_;
+// The pseudo-terminal of these tests keeps the terminal's default settings
+// until the library changes them.
+struct TermPty : Pty {
+    TermPty() : Pty(Mode::Terminal) {}
 };
 
 void set_port_name(const std::string& name) {
@@ -114,10 +71,10 @@ std::string lock() { return std::string(kolt::link::seq_text(kolt::link::state()
 std::string unlock() { return std::string(kolt::link::seq_text(kolt::link::state().key_unlock_cmd)); }
 
 const std::string kType1Open[4] = {
-    ESC + "!0;0;0;0Y" + ESC + "[/54l" + ESC + "[/53h" + ESC + "[/50h",
-    ESC + "!0;0;0;0Z" + ESC + "[/54l" + ESC + "[/53h" + ESC + "[/50h",
-    ESC + "!0;0;0;0X" + ESC + "[/54l" + ESC + "[/53h" + ESC + "[/50h",
-    ESC + "!0;0;0;0V" + ESC + "[/54l" + ESC + "[/53h" + ESC + "[/50h",
+    kEsc + "!0;0;0;0Y" + kEsc + "[/54l" + kEsc + "[/53h" + kEsc + "[/50h",
+    kEsc + "!0;0;0;0Z" + kEsc + "[/54l" + kEsc + "[/53h" + kEsc + "[/50h",
+    kEsc + "!0;0;0;0X" + kEsc + "[/54l" + kEsc + "[/53h" + kEsc + "[/50h",
+    kEsc + "!0;0;0;0V" + kEsc + "[/54l" + kEsc + "[/53h" + kEsc + "[/50h",
 };
 
 // ---------------------------------------------------------------------------
@@ -142,11 +99,11 @@ TEST(LinkTables, TypesOneAndTwo) {
             const Seqs s = aux_cmd(type, std::to_string(port).c_str(), &rc);
             EXPECT_EQ(rc, 0);
             EXPECT_EQ(s.open, kType1Open[port - 1]) << type << "/" << port;
-            EXPECT_EQ(s.close, ESC + "[/50l");
-            EXPECT_EQ(lead(), ESC + "[/51h");
-            EXPECT_EQ(end(), ESC + "[/51l");
-            EXPECT_EQ(lock(), ESC + "[2h");
-            EXPECT_EQ(unlock(), ESC + "[2l");
+            EXPECT_EQ(s.close, kEsc + "[/50l");
+            EXPECT_EQ(lead(), kEsc + "[/51h");
+            EXPECT_EQ(end(), kEsc + "[/51l");
+            EXPECT_EQ(lock(), kEsc + "[2h");
+            EXPECT_EQ(unlock(), kEsc + "[2l");
         }
     }
 }
@@ -156,26 +113,26 @@ TEST(LinkTables, TypeThree) {
         int rc = 99;
         const Seqs s = aux_cmd("3", std::to_string(port).c_str(), &rc);
         EXPECT_EQ(rc, 0);
-        EXPECT_EQ(s.open, ESC + "[/" + std::to_string(port) + ";1;8;0;1;0M" + ESC + "[/54l");
-        EXPECT_EQ(s.close, ESC + "[/M");
-        EXPECT_EQ(lead(), ESC + "[/|");
+        EXPECT_EQ(s.open, kEsc + "[/" + std::to_string(port) + ";1;8;0;1;0M" + kEsc + "[/54l");
+        EXPECT_EQ(s.close, kEsc + "[/M");
+        EXPECT_EQ(lead(), kEsc + "[/|");
         EXPECT_EQ(end(), "|");
-        EXPECT_EQ(lock(), ESC + "[2h");
-        EXPECT_EQ(unlock(), ESC + "[2l");
+        EXPECT_EQ(lock(), kEsc + "[2h");
+        EXPECT_EQ(unlock(), kEsc + "[2l");
     }
 }
 
 TEST(LinkTables, TypeFourHasNoLeadOrEnd) {
-    const std::string opens[4] = {ESC + "[>", ESC + "[1>", ESC + "[2>", ESC + "[3>"};
+    const std::string opens[4] = {kEsc + "[>", kEsc + "[1>", kEsc + "[2>", kEsc + "[3>"};
     for (int port = 1; port <= 4; ++port) {
         int rc = 99;
         const Seqs s = aux_cmd("4", std::to_string(port).c_str(), &rc);
         EXPECT_EQ(rc, 0);
         EXPECT_EQ(s.open, opens[port - 1]);
-        EXPECT_EQ(s.close, ESC + "[<");
+        EXPECT_EQ(s.close, kEsc + "[<");
         EXPECT_EQ(lead(), "");
         EXPECT_EQ(end(), "");
-        EXPECT_EQ(lock(), ESC + "[2h");
+        EXPECT_EQ(lock(), kEsc + "[2h");
     }
 }
 
@@ -184,8 +141,8 @@ TEST(LinkTables, TypeFivePortOneClosesTwice) {
     const Seqs s = aux_cmd("5", "1", &rc);
     EXPECT_EQ(rc, 0);
     EXPECT_EQ(s.open, kType1Open[0]);
-    EXPECT_EQ(s.close, ESC + "[/50l" + ESC + "[/50l");
-    EXPECT_EQ(lead(), ESC + "[/51h");
+    EXPECT_EQ(s.close, kEsc + "[/50l" + kEsc + "[/50l");
+    EXPECT_EQ(lead(), kEsc + "[/51h");
 }
 
 TEST(LinkTables, TypeFivePortFourHasAnEmptyClose) {
@@ -204,7 +161,7 @@ TEST(LinkTables, TypeOnePortFiveReachesTheTypeTwoPortOneEntry) {
     EXPECT_EQ(rc, 0);
     EXPECT_EQ(s.open, kolt::link::termOpenAux[4]);
     EXPECT_EQ(s.open, kType1Open[0]);
-    EXPECT_EQ(lead(), ESC + "[/51h");  // the type-1 row
+    EXPECT_EQ(lead(), kEsc + "[/51h");  // the type-1 row
 }
 
 TEST(LinkTables, TypeSixPortOneIsPastTheTable) {
@@ -240,10 +197,10 @@ TEST(LinkBPCommand, OnlyTypeOneHasPassThroughPorts) {
     for (int i = 0; i < 5; ++i) {
         char out[KOLT_SEQ_MAX] = {};
         EXPECT_EQ(KOLT_getBPCommand("1", ports[i], out), 0);
-        EXPECT_EQ(std::string(out), ESC + "%" + letters[i]);
+        EXPECT_EQ(std::string(out), kEsc + "%" + letters[i]);
         char num[KOLT_SEQ_MAX] = {};
         EXPECT_EQ(KOLT_getBPCommand("1", std::to_string(i + 1).c_str(), num), 0);
-        EXPECT_EQ(std::string(num), ESC + "%" + letters[i]);
+        EXPECT_EQ(std::string(num), kEsc + "%" + letters[i]);
     }
     char out[KOLT_SEQ_MAX] = {};
     EXPECT_EQ(KOLT_getBPCommand("2", "A", out), -1);
@@ -253,27 +210,20 @@ TEST(LinkBPCommand, OnlyTypeOneHasPassThroughPorts) {
     EXPECT_EQ(KOLT_getBPCommand("1", "E", out), -1);
 }
 
-const char* kExtFile =
-    "# teller terminal commands\n"
-    "[TERM_50_KOLT510QX]\n"
-    "OPEN_COM1=\\033[/60h\n"
-    "[TERM_51_KOLT510QX]\n"
-    "OPEN_COM1=\\033[/50h\n"
-    "CLOSE_COM1=\\033[/50l\n"
-    "OPEN_COM2=1B5B2F3532680D\n"
-    "CLOSE_COM2=1B5B2F35326C\n"
-    "LOCK_KEY=1B5B3268\n"
-    "UNLOCK_KEY=1B5B326C\n"
-    "CMD_BEGIN=\\033[/51h\n"
-    "CMD_END=\\033[/51l\n"
-    "[TRANSFER_51_KOLT510QX]\n"
-    "OPEN_PORTA=1B2541\n"
-    "OPEN_PORTB=1B2542\n"
-    "OPEN_PORTK=1B254B\n"
-    "[TERM_52_KOLT510QX]\n"
-    "OPEN_COM1=\\033[/50h\n"
-    "CLOSE_COM1=\\033[/50l\n"
-    "LOCK_KEY=1B5B3268\n";
+const std::string kExtFile = "# teller terminal commands\n"
+                             "[TERM_50_KOLT510QX]\n"
+                             "OPEN_COM1=\\033[/60h\n" +
+                             kolt::test::kTerm51Section +
+                             "OPEN_COM2=1B5B2F3532680D\n"
+                             "CLOSE_COM2=1B5B2F35326C\n"
+                             "[TRANSFER_51_KOLT510QX]\n"
+                             "OPEN_PORTA=1B2541\n"
+                             "OPEN_PORTB=1B2542\n"
+                             "OPEN_PORTK=1B254B\n"
+                             "[TERM_52_KOLT510QX]\n"
+                             "OPEN_COM1=\\033[/50h\n"
+                             "CLOSE_COM1=\\033[/50l\n"
+                             "LOCK_KEY=1B5B3268\n";
 
 TEST(LinkExtFile, TypeFiftyOneSequencesFromTheTerminalFile) {
     TempDir dir;
@@ -282,16 +232,16 @@ TEST(LinkExtFile, TypeFiftyOneSequencesFromTheTerminalFile) {
     int rc = 99;
     Seqs s = aux_cmd("51", "1", &rc);
     EXPECT_EQ(rc, 0);
-    EXPECT_EQ(s.open, ESC + "[/50h");
-    EXPECT_EQ(s.close, ESC + "[/50l");
-    EXPECT_EQ(lock(), ESC + "[2h");
-    EXPECT_EQ(unlock(), ESC + "[2l");
-    EXPECT_EQ(lead(), ESC + "[/51h");
-    EXPECT_EQ(end(), ESC + "[/51l");
+    EXPECT_EQ(s.open, kEsc + "[/50h");
+    EXPECT_EQ(s.close, kEsc + "[/50l");
+    EXPECT_EQ(lock(), kEsc + "[2h");
+    EXPECT_EQ(unlock(), kEsc + "[2l");
+    EXPECT_EQ(lead(), kEsc + "[/51h");
+    EXPECT_EQ(end(), kEsc + "[/51l");
     s = aux_cmd("51", "2", &rc);
     EXPECT_EQ(rc, 0);
-    EXPECT_EQ(s.open, ESC + "[/52h\r");
-    EXPECT_EQ(s.close, ESC + "[/52l");
+    EXPECT_EQ(s.open, kEsc + "[/52h\r");
+    EXPECT_EQ(s.close, kEsc + "[/52l");
 }
 
 TEST(LinkExtFile, SectionWithOpenCloseAndLockOnlyIsEnough) {
@@ -301,7 +251,7 @@ TEST(LinkExtFile, SectionWithOpenCloseAndLockOnlyIsEnough) {
     int rc = 99;
     const Seqs s = aux_cmd("52", "1", &rc);
     EXPECT_EQ(rc, 0);
-    EXPECT_EQ(s.open, ESC + "[/50h");
+    EXPECT_EQ(s.open, kEsc + "[/50h");
     EXPECT_EQ(lead(), "");
 }
 
@@ -328,13 +278,13 @@ TEST(LinkExtFile, PassThroughCommandsOfFileTypes) {
     ScopedEnv env("DCCHOME", dir.str());
     char out[KOLT_SEQ_MAX] = {};
     EXPECT_EQ(KOLT_getBPCommand("51", "2", out), 0);  // "2" is port B
-    EXPECT_EQ(std::string(out), ESC + "%B");
+    EXPECT_EQ(std::string(out), kEsc + "%B");
     std::memset(out, 0, sizeof out);
     EXPECT_EQ(KOLT_getBPCommand("51", "5", out), 0);  // "5" is port K
-    EXPECT_EQ(std::string(out), ESC + "%K");
+    EXPECT_EQ(std::string(out), kEsc + "%K");
     std::memset(out, 0, sizeof out);
     EXPECT_EQ(KOLT_getBPCommand("51", "A", out), 0);
-    EXPECT_EQ(std::string(out), ESC + "%A");
+    EXPECT_EQ(std::string(out), kEsc + "%A");
     EXPECT_EQ(KOLT_getBPCommand("51", "3", out), -2);  // no OPEN_PORTC
     EXPECT_EQ(KOLT_getBPCommand("52", "1", out), -2);  // no pass-through section
     TempDir empty;
@@ -346,7 +296,7 @@ TEST(LinkExtFile, PassThroughCommandsOfFileTypes) {
 // Local port.
 
 TEST(LinkLocal, OpenComRefusesPortAndSpeedWithZeroWithoutOpening) {
-    Pty pty;
+    TermPty pty;
     set_port_name(pty.name());
     const int before = open_descriptors();
     EXPECT_EQ(KOLT_openCom(9, 9600), 0);
@@ -357,7 +307,7 @@ TEST(LinkLocal, OpenComRefusesPortAndSpeedWithZeroWithoutOpening) {
 }
 
 TEST(LinkLocal, OpenComOpensTheNamedDeviceRaw) {
-    Pty pty;
+    TermPty pty;
     set_port_name(pty.name());
     const int fd = KOLT_openCom(0, 9600);  // port 0 is taken as 1
     ASSERT_GT(fd, 2);
@@ -376,7 +326,7 @@ TEST(LinkLocal, OpenComOpensTheNamedDeviceRaw) {
 }
 
 TEST(LinkLocal, OpenComSpeeds) {
-    Pty pty;
+    TermPty pty;
     set_port_name(pty.name());
     const std::pair<int, speed_t> speeds[] = {{4800, B4800},   {9600, B9600},   {19200, B19200},
                                               {38400, B38400}, {57600, B57600}, {115200, B115200}};
@@ -395,22 +345,8 @@ TEST(LinkLocal, OpenComOfAMissingDeviceGivesMinusOne) {
     EXPECT_EQ(KOLT_openCom(1, 9600), -1);
 }
 
-TEST(LinkLocal, OpenComTracesTheDeviceItOpens) {
-    TempDir dir;
-    kolt::log::set_debug_dir(dir.str());
-    kolt::log::set_switch(1);
-    set_port_name("kolt-no-such-device");
-    EXPECT_EQ(KOLT_openCom(1, 9600), -1);
-    kolt::log::set_switch(0);
-    std::string log;
-    for (const auto& e : std::filesystem::directory_iterator(dir.path())) log += kolt::test::read_file(e.path());
-    EXPECT_NE(log.find("] openCom gPortName is:kolt-no-such-device\n"), std::string::npos) << log;
-    EXPECT_NE(log.find("] openCom begin open device=/dev/kolt-no-such-device\n"), std::string::npos) << log;
-    EXPECT_NE(log.find("] openCom open flag=-1\n"), std::string::npos) << log;
-}
-
 TEST(LinkLocal, OpenAndCloseThroughOpenComOrAux) {
-    Pty pty;
+    TermPty pty;
     set_port_name(pty.name());
     pty.send("stale input");
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -433,15 +369,54 @@ TEST(LinkLocal, OpenComOrAuxOfAMissingDeviceGivesMinusOne) {
 }
 
 TEST(LinkLocal, RefusedPortLeavesDescriptorZeroAndSucceeds) {
-    Pty pty;
+    TermPty pty;
     set_port_name(pty.name());
     // openCom's 0 for a refused port is not an error: the link is fd 0.
     EXPECT_EQ(KOLT_openComOrAux("", "0", "9", "", ""), 0);
     EXPECT_EQ(kolt::link::state().fd, 0);
 }
 
+TEST(LinkLocal, ClosingTheLinkOfARefusedPortLeavesTheTerminalOpen) {
+    TermPty pty;
+    ScopedStdin stdin_is(pty.path());
+    set_port_name(pty.name());
+    ASSERT_EQ(KOLT_openComOrAux("", "0", "9", "", ""), 0);
+    ASSERT_EQ(kolt::link::state().fd, 0);
+    EXPECT_EQ(KOLT_closeComOrAux("0", "9"), 0);
+    EXPECT_TRUE(ScopedStdin::same_file(pty.slave()));  // the library did not open it: not closed
+    ASSERT_EQ(IC_initCom(9, 9), 0);
+    EXPECT_EQ(IC_CloseCom(9, 9), 0);
+    EXPECT_EQ(KOLT_closeAux("0", "9"), 0);
+    EXPECT_TRUE(ScopedStdin::same_file(pty.slave()));
+}
+
+TEST(LinkLocal, ClosingTwiceLeavesADescriptorThatReusedTheNumberAlone) {
+    TermPty pty;
+    set_port_name(pty.name());
+    ASSERT_EQ(KOLT_initCom(0, "", 1, ""), 0);
+    const int fd = kolt::link::state().fd;
+    EXPECT_EQ(KOLT_freeCom(0, 1, ""), 0);
+    const int other = ::open("/dev/null", O_RDONLY);
+    ASSERT_EQ(other, fd);  // the lowest free number comes back
+    EXPECT_EQ(KOLT_freeCom(0, 1, ""), 0);
+    EXPECT_TRUE(is_open(other));
+    ::close(other);
+}
+
+TEST(LinkLocal, OpeningAgainWithoutClosingDoesNotLeakDescriptors) {
+    TermPty pty;
+    set_port_name(pty.name());
+    ASSERT_EQ(KOLT_openComOrAux("", "0", "1", "", ""), 0);
+    const int before = open_descriptors();
+    for (int i = 0; i < 5; ++i) ASSERT_EQ(KOLT_openComOrAux("", "0", "1", "", ""), 0);
+    EXPECT_EQ(open_descriptors(), before);
+    const int fd = kolt::link::state().fd;
+    EXPECT_EQ(KOLT_closeComOrAux("0", "1"), 0);
+    EXPECT_FALSE(is_open(fd));
+}
+
 TEST(LinkLocal, InitAndFreeCom) {
-    Pty pty;
+    TermPty pty;
     set_port_name(pty.name());
     EXPECT_EQ(KOLT_initCom(0, "", 1, ""), 0);
     const int fd = kolt::link::state().fd;
@@ -456,7 +431,7 @@ TEST(LinkLocal, InitComFailureGivesMinusTwo) {
 }
 
 TEST(LinkLocal, IcInitComAndCloseCom) {
-    Pty pty;
+    TermPty pty;
     set_port_name(pty.name());
     EXPECT_EQ(IC_initCom(0, 1), 0);
     const int fd = kolt::link::state().fd;
@@ -472,7 +447,7 @@ TEST(LinkLocal, IcInitComFailureGivesMinus21) {
 }
 
 TEST(LinkLocal, CloseAuxOfTheLocalPortCloses) {
-    Pty pty;
+    TermPty pty;
     set_port_name(pty.name());
     ASSERT_EQ(KOLT_openComOrAux("", "0", "1", "", ""), 0);
     const int fd = kolt::link::state().fd;
@@ -484,44 +459,38 @@ TEST(LinkLocal, CloseAuxOfTheLocalPortCloses) {
 // Terminal auxiliary port, named terminal device.
 
 TEST(LinkAux, TypeThreePortOneSequencesAndWrapping) {
-    Pty pty;
+    TermPty pty;
     ASSERT_EQ(KOLT_initCom(3, pty.path().c_str(), 1, ""), 0);
-    EXPECT_EQ(pty.take(), ESC + "[2h" + ESC + "[/1;1;8;0;1;0M" + ESC + "[/54l");
+    EXPECT_EQ(pty.take(), kEsc + "[2h" + kEsc + "[/1;1;8;0;1;0M" + kEsc + "[/54l");
 
     // Every data block goes out between ESC [ / | and |.
-    std::string received;
-    std::thread far([&] {
-        const auto start = Clock::now();
-        while (received.find("\x03|") == std::string::npos && ms_since(start) < 3000) received += pty.take(20);
-        pty.send(std::string("\x02") + "0002000000" + "\x03");
-    });
+    FarEnd far(pty, kolt::test::holds("\x03|"), std::string("\x02") + "0002000000" + "\x03");
     EXPECT_EQ(KOLT_T41_Buzz(), 0);
-    far.join();
-    EXPECT_EQ(received, ESC + "[/|" + "\x02" + "0005311302010120" + "\x03" + "|");
+    EXPECT_EQ(far.received(), kEsc + "[/|" + "\x02" + "0005311302010120" + "\x03" + "|");
 
     EXPECT_EQ(KOLT_freeCom(3, 1, ""), 0);
-    EXPECT_EQ(pty.take(), ESC + "[/M" + ESC + "[2l");
+    EXPECT_EQ(pty.take(), kEsc + "[/M" + kEsc + "[2l");
 }
 
 TEST(LinkAux, TransferDataIsWrittenWrappedAfterTheOpenSequence) {
-    Pty pty;
+    TermPty pty;
     ASSERT_EQ(KOLT_initCom(3, pty.path().c_str(), 2, "1XYZ"), 0);
-    EXPECT_EQ(pty.take(), ESC + "[2h" + ESC + "[/2;1;8;0;1;0M" + ESC + "[/54l" + ESC + "[/|XYZ|");
+    EXPECT_EQ(pty.take(), kEsc + "[2h" + kEsc + "[/2;1;8;0;1;0M" + kEsc + "[/54l" + kEsc + "[/|XYZ|");
     // Any other transfer type writes nothing more.
     KOLT_freeCom(3, 2, "");
     pty.take();
     ASSERT_EQ(KOLT_initCom(3, pty.path().c_str(), 2, "2XYZ"), 0);
-    EXPECT_EQ(pty.take(), ESC + "[2h" + ESC + "[/2;1;8;0;1;0M" + ESC + "[/54l");
+    EXPECT_EQ(pty.take(), kEsc + "[2h" + kEsc + "[/2;1;8;0;1;0M" + kEsc + "[/54l");
 }
 
 TEST(LinkAux, TypeOnePortFiveOpensWithTheTypeTwoPortOneSequence) {
-    Pty pty;
+    TermPty pty;
     ASSERT_EQ(KOLT_openComOrAux(pty.path().c_str(), "1", "5", "", ""), 0);
-    EXPECT_EQ(pty.take(), ESC + "[2h" + kType1Open[0]);
+    EXPECT_EQ(pty.take(), kEsc + "[2h" + kType1Open[0]);
 }
 
 TEST(LinkAux, TypeSixPortOneFailsWithMinusTwo) {
-    Pty pty;
+    TermPty pty;
     EXPECT_EQ(KOLT_openComOrAux(pty.path().c_str(), "6", "1", "", ""), -2);
     EXPECT_EQ(KOLT_initCom(6, pty.path().c_str(), 1, ""), -2);
 }
@@ -532,7 +501,7 @@ TEST(LinkAux, MissingTerminalDeviceGivesMinusOne) {
 }
 
 TEST(LinkAux, LineSettingsAreRawWhileOpenAndRestoredAtClose) {
-    Pty pty;
+    TermPty pty;
     const termios before = pty.attrs();
     ASSERT_NE(before.c_lflag & ICANON, 0u);
     ASSERT_EQ(KOLT_initCom(1, pty.path().c_str(), 1, ""), 0);
@@ -552,7 +521,7 @@ TEST(LinkAux, LineSettingsAreRawWhileOpenAndRestoredAtClose) {
 }
 
 TEST(LinkAux, SetTermAndResetTermDirectly) {
-    Pty pty;
+    TermPty pty;
     kolt::link::state().fd = pty.slave();
     EXPECT_EQ(KOLT_resetTerm(), -1);  // nothing saved yet
     EXPECT_EQ(KOLT_setTerm(), pty.slave());
@@ -562,6 +531,24 @@ TEST(LinkAux, SetTermAndResetTermDirectly) {
     kolt::link::state().fd = -1;
     EXPECT_EQ(KOLT_setTerm(), -1);
     EXPECT_EQ(KOLT_resetTerm(), -1);
+}
+
+TEST(LinkAux, SettingsOfAnEarlierLineAreNotRestoredOntoAnother) {
+    TermPty first;
+    kolt::link::state().fd = first.slave();
+    ASSERT_EQ(KOLT_setTerm(), first.slave());
+    TermPty second;
+    kolt::link::state().fd = second.slave();
+    ASSERT_EQ(KOLT_setTerm(), second.slave());  // second now raw, its settings saved
+    int p[2];
+    ASSERT_EQ(::pipe(p), 0);
+    kolt::link::state().fd = p[0];
+    EXPECT_EQ(KOLT_setTerm(), -1);  // not a terminal: nothing saved
+    kolt::link::state().fd = second.slave();
+    EXPECT_EQ(KOLT_resetTerm(), -1);
+    EXPECT_EQ(second.attrs().c_lflag & ICANON, 0u);  // left as it was
+    ::close(p[0]);
+    ::close(p[1]);
 }
 
 TEST(LinkAux, SetTermOnSomethingElseThanATerminalFails) {
@@ -574,18 +561,18 @@ TEST(LinkAux, SetTermOnSomethingElseThanATerminalFails) {
 }
 
 TEST(LinkAux, CloseAuxWritesTheCloseSequenceAndRestores) {
-    Pty pty;
+    TermPty pty;
     ASSERT_EQ(KOLT_openComOrAux(pty.path().c_str(), "4", "3", "", ""), 0);
-    EXPECT_EQ(pty.take(), ESC + "[2h" + ESC + "[2>");
+    EXPECT_EQ(pty.take(), kEsc + "[2h" + kEsc + "[2>");
     EXPECT_EQ(KOLT_closeAux("4", "3"), 0);
-    EXPECT_EQ(pty.take(), ESC + "[<");  // no unlock: that is closeComOrAux's
+    EXPECT_EQ(pty.take(), kEsc + "[<");  // no unlock: that is closeComOrAux's
     EXPECT_NE(pty.attrs().c_lflag & ICANON, 0u);
     EXPECT_EQ(KOLT_closeComOrAux("4", "3"), 0);
-    EXPECT_EQ(pty.take(), ESC + "[<" + ESC + "[2l");
+    EXPECT_EQ(pty.take(), kEsc + "[<" + kEsc + "[2l");
 }
 
 TEST(LinkAux, ReopeningANamedTerminalDoesNotLeakDescriptors) {
-    Pty pty;
+    TermPty pty;
     ASSERT_EQ(KOLT_initCom(1, pty.path().c_str(), 1, ""), 0);
     KOLT_freeCom(1, 1, "");
     const int before = open_descriptors();
@@ -600,18 +587,18 @@ TEST(LinkAux, FileTypeSessionWritesTheFileSequences) {
     TempDir dir;
     dir.write("lxbs/font/idcread.ext", kExtFile);
     ScopedEnv env("DCCHOME", dir.str());
-    Pty pty;
+    TermPty pty;
     ASSERT_EQ(KOLT_initCom(51, pty.path().c_str(), 1, ""), 0);
-    EXPECT_EQ(pty.take(), ESC + "[2h" + ESC + "[/50h");
+    EXPECT_EQ(pty.take(), kEsc + "[2h" + kEsc + "[/50h");
     EXPECT_EQ(KOLT_freeCom(51, 1, ""), 0);
-    EXPECT_EQ(pty.take(), ESC + "[/50l" + ESC + "[2l");
+    EXPECT_EQ(pty.take(), kEsc + "[/50l" + kEsc + "[2l");
 }
 
 TEST(LinkAux, FileTypeWithoutSectionFailsToOpen) {
     TempDir dir;
     dir.write("lxbs/font/idcread.ext", kExtFile);
     ScopedEnv env("DCCHOME", dir.str());
-    Pty pty;
+    TermPty pty;
     EXPECT_EQ(KOLT_openComOrAux(pty.path().c_str(), "57", "1", "", ""), -2);
 }
 
@@ -620,50 +607,33 @@ TEST(LinkAux, FileTypeWithoutSectionFailsToOpen) {
 
 class StdinTerminal : public ::testing::Test {
 protected:
-    void SetUp() override {
-        saved_ = ::dup(0);
-        const int s = ::open(pty_.path().c_str(), O_RDWR | O_NOCTTY);
-        ASSERT_GE(s, 0);
-        ASSERT_EQ(::dup2(s, 0), 0);
-        ::close(s);
-    }
-    void TearDown() override {
-        ::dup2(saved_, 0);
-        ::close(saved_);
-    }
-    Pty pty_;
-    int saved_ = -1;
+    TermPty pty_;
+    ScopedStdin stdin_is_{pty_.path()};
 };
 
 TEST_F(StdinTerminal, IcInitComWritesToDescriptorZero) {
     EXPECT_EQ(IC_initCom(1, 1), 0);
     EXPECT_EQ(kolt::link::state().fd, 0);
-    EXPECT_EQ(pty_.take(), ESC + "[2h" + kType1Open[0]);
+    EXPECT_EQ(pty_.take(), kEsc + "[2h" + kType1Open[0]);
     EXPECT_EQ(IC_CloseCom(1, 1), 0);
-    EXPECT_EQ(pty_.take(), ESC + "[/50l" + ESC + "[2l");
+    EXPECT_EQ(pty_.take(), kEsc + "[/50l" + kEsc + "[2l");
     EXPECT_TRUE(is_open(0));
 }
 
 TEST_F(StdinTerminal, PublicTypesTwoAndThree) {
     EXPECT_EQ(IC_initCom(2, 3), 0);  // internal type 3
-    EXPECT_EQ(pty_.take(), ESC + "[2h" + ESC + "[/3;1;8;0;1;0M" + ESC + "[/54l");
+    EXPECT_EQ(pty_.take(), kEsc + "[2h" + kEsc + "[/3;1;8;0;1;0M" + kEsc + "[/54l");
     IC_CloseCom(2, 3);
-    EXPECT_EQ(pty_.take(), ESC + "[/M" + ESC + "[2l");
+    EXPECT_EQ(pty_.take(), kEsc + "[/M" + kEsc + "[2l");
     EXPECT_EQ(IC_initCom(3, 2), 0);  // internal type 4
-    EXPECT_EQ(pty_.take(), ESC + "[2h" + ESC + "[1>");
+    EXPECT_EQ(pty_.take(), kEsc + "[2h" + kEsc + "[1>");
     IC_CloseCom(3, 2);
-    EXPECT_EQ(pty_.take(), ESC + "[<" + ESC + "[2l");
+    EXPECT_EQ(pty_.take(), kEsc + "[<" + kEsc + "[2l");
 }
 
 TEST(LinkStdin, DescriptorZeroThatIsNoTerminalFailsWithMinus21) {
-    const int saved = ::dup(0);
-    const int n = ::open("/dev/null", O_RDWR);
-    ASSERT_GE(n, 0);
-    ::dup2(n, 0);
-    ::close(n);
+    ScopedStdin stdin_is("/dev/null");
     EXPECT_EQ(IC_initCom(1, 1), -21);
-    ::dup2(saved, 0);
-    ::close(saved);
 }
 
 }  // namespace

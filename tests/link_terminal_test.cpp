@@ -1,9 +1,6 @@
 // Terminal auxiliary-port mode end to end: the simulator plays the teller
 // terminal in front of the reader, checks the key-lock, open, close and
 // unlock sequences and strips the lead and end around every block.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -12,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "common/pty_util.hpp"
 #include "common/sim_fixture.hpp"
 #include "common/test_util.hpp"
 #include "kolt/kolt.h"
@@ -68,57 +66,47 @@ void session(kolt::sim::Simulator& sim, int type, int port) {
     EXPECT_TRUE(sim.terminal_errors().empty()) << join(sim.terminal_errors());
 }
 
+// The terminal's events in a session with a terminal of that type and port.
+Events session_events(int type, int port, const std::string& ext_file = "") {
+    ScopedSimulator sim(terminal(type, port, ext_file));
+    session(*sim, type, port);
+    return sim->terminal_events();
+}
+
 const Events kWrapped = {"lock", "open", "lead", "end", "lead", "end", "close", "unlock"};
 
-TEST(LinkTerminal, TypeOne) {
-    ScopedSimulator sim(terminal(1, 1));
-    session(*sim, 1, 1);
-    EXPECT_EQ(sim->terminal_events(), kWrapped);
-}
+TEST(LinkTerminal, TypeOne) { EXPECT_EQ(session_events(1, 1), kWrapped); }
 
-TEST(LinkTerminal, TypeTwoPortThree) {
-    ScopedSimulator sim(terminal(2, 3));
-    session(*sim, 2, 3);
-    EXPECT_EQ(sim->terminal_events(), kWrapped);
-}
+TEST(LinkTerminal, TypeTwoPortThree) { EXPECT_EQ(session_events(2, 3), kWrapped); }
 
-TEST(LinkTerminal, TypeThree) {
-    ScopedSimulator sim(terminal(3, 1));
-    session(*sim, 3, 1);
-    EXPECT_EQ(sim->terminal_events(), kWrapped);
-}
+TEST(LinkTerminal, TypeThree) { EXPECT_EQ(session_events(3, 1), kWrapped); }
 
 TEST(LinkTerminal, TypeFourHasNoWrapping) {
-    ScopedSimulator sim(terminal(4, 2));
-    session(*sim, 4, 2);
-    EXPECT_EQ(sim->terminal_events(), (Events{"lock", "open", "close", "unlock"}));
+    EXPECT_EQ(session_events(4, 2), (Events{"lock", "open", "close", "unlock"}));
+}
+
+// A session with the buzzer only; the terminal must find nothing amiss.
+void buzz_session(kolt::sim::Simulator& sim, int type, int port) {
+    ASSERT_EQ(KOLT_initCom(type, sim.slave_path().c_str(), port, ""), 0);
+    EXPECT_EQ(KOLT_T41_Buzz(), 0);
+    EXPECT_EQ(KOLT_freeCom(type, port, ""), 0);
+    EXPECT_TRUE(closed(sim));
+    EXPECT_TRUE(sim.terminal_errors().empty()) << join(sim.terminal_errors());
 }
 
 TEST(LinkTerminal, TypeFivePortOneClosesTwice) {
     ScopedSimulator sim(terminal(5, 1));
-    ASSERT_EQ(KOLT_initCom(5, sim->slave_path().c_str(), 1, ""), 0);
-    EXPECT_EQ(KOLT_T41_Buzz(), 0);
-    EXPECT_EQ(KOLT_freeCom(5, 1, ""), 0);
-    EXPECT_TRUE(closed(*sim));
-    EXPECT_TRUE(sim->terminal_errors().empty()) << join(sim->terminal_errors());
+    buzz_session(*sim, 5, 1);
 }
 
 TEST(LinkTerminal, TypeFivePortFourClosesWithAnEmptySequence) {
     ScopedSimulator sim(terminal(5, 4));
-    ASSERT_EQ(KOLT_initCom(5, sim->slave_path().c_str(), 4, ""), 0);
-    EXPECT_EQ(KOLT_T41_Buzz(), 0);
-    EXPECT_EQ(KOLT_freeCom(5, 4, ""), 0);
-    EXPECT_TRUE(closed(*sim));
-    EXPECT_TRUE(sim->terminal_errors().empty()) << join(sim->terminal_errors());
+    buzz_session(*sim, 5, 4);
 }
 
 TEST(LinkTerminal, PublicTypeOnThe_ProcessTerminal) {
     ScopedSimulator sim(terminal(1, 2));
-    const int saved = ::dup(0);
-    const int s = ::open(sim->slave_path().c_str(), O_RDWR | O_NOCTTY);
-    ASSERT_GE(s, 0);
-    ::dup2(s, 0);
-    ::close(s);
+    kolt::test::ScopedStdin stdin_is(sim->slave_path());
     EXPECT_EQ(IC_initCom(4, 2), 0);  // public type 4 is internal type 1
     EXPECT_EQ(kolt::link::state().fd, 0);
     EXPECT_EQ(KOLT_T41_LedOperate(LED_IC, LED_Color_G, LED_Light), 0);
@@ -126,29 +114,18 @@ TEST(LinkTerminal, PublicTypeOnThe_ProcessTerminal) {
     EXPECT_TRUE(closed(*sim));
     EXPECT_EQ(sim->terminal_events(), (Events{"lock", "open", "lead", "end", "close", "unlock"}));
     EXPECT_TRUE(sim->terminal_errors().empty()) << join(sim->terminal_errors());
-    ::dup2(saved, 0);
-    ::close(saved);
 }
 
-const char* kExtFile =
-    "[TERM_51_KOLT510QX]\n"
-    "OPEN_COM1=\\033[/50h\n"
-    "CLOSE_COM1=\\033[/50l\n"
-    "LOCK_KEY=1B5B3268\n"
-    "UNLOCK_KEY=1B5B326C\n"
-    "CMD_BEGIN=\\033[/51h\n"
-    "CMD_END=\\033[/51l\n"
-    "[TRANSFER_51_KOLT510QX]\n"
-    "OPEN_PORTA=1B2541\n"
-    "OPEN_PORTB=1B2542\n";
+const std::string kExtFile = kolt::test::kTerm51Section +
+                             "[TRANSFER_51_KOLT510QX]\n"
+                             "OPEN_PORTA=1B2541\n"
+                             "OPEN_PORTB=1B2542\n";
 
 TEST(LinkTerminal, TypeFromTheTerminalCommandFile) {
     TempDir dir;
     const std::string path = dir.write("lxbs/font/idcread.ext", kExtFile);
     ScopedEnv env("DCCHOME", dir.str());
-    ScopedSimulator sim(terminal(51, 1, path));
-    session(*sim, 51, 1);
-    EXPECT_EQ(sim->terminal_events(), kWrapped);
+    EXPECT_EQ(session_events(51, 1, path), kWrapped);
 }
 
 TEST(LinkTerminal, ConnectWithPassThroughPortOfTypeOne) {

@@ -33,15 +33,8 @@ public:
     std::vector<std::vector<uint8_t>> seen;
 };
 
-class SimDevice : public ::testing::Test {
+class SimDevice : public kolt::test::RawSimTest {
 protected:
-    void SetUp() override {
-        sim = std::make_unique<Simulator>(options());
-        sim->start();
-        line = std::make_unique<RawLine>(sim->slave_path());
-    }
-    virtual Options options() const { return {}; }
-
     // Sends one main-frame command and returns the raw reply frame.
     Bytes ask(uint8_t cls, uint8_t code, const Bytes& data = {}) {
         line->write(encode_main_command(cls, code, data));
@@ -53,9 +46,6 @@ protected:
         EXPECT_TRUE(f) << "undecodable reply of " << wire.size() << " bytes";
         return f.value_or(MainFrame{0xEE, 0xEE, {}});
     }
-
-    std::unique_ptr<Simulator> sim;
-    std::unique_ptr<RawLine> line;
 };
 
 class SimDeviceLegacy : public SimDevice {

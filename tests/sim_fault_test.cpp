@@ -19,22 +19,12 @@ namespace {
 const Bytes kOk = stx_etx("0002000000");
 const Bytes kRfOn = encode_main_command(0x38, 0x97, {});
 
-class SimFault : public ::testing::Test {
+class SimFault : public kolt::test::RawSimTest {
 protected:
-    void SetUp() override {
-        sim = std::make_unique<Simulator>(options());
-        sim->start();
-        line = std::make_unique<RawLine>(sim->slave_path());
-    }
-    virtual Options options() const { return {}; }
-
     Bytes rf_on() {
         line->write(kRfOn);
         return line->read_until(0x03, 1500);
     }
-
-    std::unique_ptr<Simulator> sim;
-    std::unique_ptr<RawLine> line;
 };
 
 class SimPaced : public SimFault {

@@ -260,6 +260,19 @@ TEST(SimTerminalFile, ValueRules) {
     EXPECT_TRUE(s.transfer.empty());
 }
 
+TEST(SimTerminalFile, OnlyTheValueTextIsFormatted) {
+    TempDir dir;
+    const std::string path = dir.write("idcread.ext",
+                                       "[TERM_52_KOLT510QX]\n"
+                                       "OPEN_COM1=\\033[/50h\n"
+                                       "CLOSE_COM1=\\033[/50l\n"
+                                       "CMD_BEGIN=1B2525\n"
+                                       "CMD_END=\\033%%%%\n");
+    const auto s = ext_file_terminal(path, 52, 1);
+    EXPECT_EQ(s.lead, ESC + "%%");  // the hex digits hold no "%%"
+    EXPECT_EQ(s.end, ESC + "%%");
+}
+
 TEST(SimTerminalFile, OpenCom12CountsAsOpenCom1) {
     TempDir dir;
     const std::string path = dir.write("idcread.ext",

@@ -3,59 +3,25 @@
 // end to end through the simulated reader.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
+#include <climits>
+#include <cstdint>
 #include <string>
 #include <vector>
 
-#include "common/sim_fixture.hpp"
-#include "common/test_util.hpp"
+#include "common/card_flow.hpp"
 #include "kolt/kolt.h"
 #include "kolt_sim/card.hpp"
-#include "support/log.hpp"
 
 namespace {
 
 using kolt::sim::Card;
-using kolt::sim::Command;
-using kolt::sim::ProfileCard;
+using kolt::test::kLogFormatError;
+using kolt::test::kReadRecordError;
+using kolt::test::load_card;
+using kolt::test::log_record;
+using kolt::test::sent;
 
-const std::string kReadRecordError = "\xB6\xC1\xBC\xC7\xC2\xBC\xB4\xED\xCE\xF3";  // 读记录错误
-const std::string kLogFormatError =                                                // 获取交易记录格式错误
-    "\xBB\xF1\xC8\xA1\xBD\xBB\xD2\xD7\xBC\xC7\xC2\xBC\xB8\xF1\xCA\xBD\xB4\xED\xCE\xF3";
-
-std::string card_path(const std::string& file) {
-    const char* env = std::getenv("KOLT_TEST_SOURCE_DIR");
-    const std::filesystem::path root =
-        env != nullptr ? std::filesystem::path(env) : std::filesystem::path(__FILE__).parent_path().parent_path();
-    return (root / "sim" / "cards" / file).string();
-}
-
-std::shared_ptr<ProfileCard> load(const std::string& file) { return ProfileCard::load_file(card_path(file)); }
-
-bool sent(const kolt::sim::Simulator& sim, uint8_t cls, uint8_t code) {
-    for (const Command& c : sim.transcript())
-        if (c.cls == cls && c.code == code) return true;
-    return false;
-}
-
-int log_reads(const Card& card, int sfi) {
-    int n = 0;
-    for (const auto& a : card.apdus())
-        if (a.size() >= 4 && a[0] == 0x00 && a[1] == 0xB2 && (a[3] >> 3) == sfi) ++n;
-    return n;
-}
-
-std::string record(const std::string& amount, const std::string& date, const std::string& type,
-                   const std::string& time, std::string merchant, int atc) {
-    merchant.resize(20, ' ');
-    char x[8];
-    std::snprintf(x, sizeof x, "%04d", atc);
-    return "P012" + amount + "Q012000000000000" + "R0040156" + "S006" + date + "T002" + type + "U006" + time +
-           "V0040156" + "W020" + merchant + "X004" + x;
-}
+int log_reads(const Card& card, int sfi) { return static_cast<int>(kolt::test::reads_of_sfi(card, sfi).size()); }
 
 struct TxCall {
     int rc = 0;
@@ -76,40 +42,50 @@ TxCall tx(int ic_type, const char* aid = nullptr) {
     return c;
 }
 
+// A complete log of n records of 106 characters: result 0, the count and the
+// record length in the two header bytes, the records after them.
+void expect_log(const TxCall& c, int n) {
+    EXPECT_EQ(c.rc, 0);
+    EXPECT_EQ(c.out[0], n);
+    EXPECT_EQ(c.out[1], 106);
+    EXPECT_EQ(c.records().size(), static_cast<size_t>(n) * 106);
+}
+
 class IcTxDetailTest : public kolt::test::SimTest {};
 
 TEST_F(IcTxDetailTest, ReferenceCard) {
-    auto card = load("pboc_debit.json");
+    auto card = load_card("pboc_debit.json");
     sim().set_contact_card(card);
     const TxCall c = tx(1);
-    EXPECT_EQ(c.rc, 0);
-    EXPECT_EQ(c.out[0], 5);
-    EXPECT_EQ(c.out[1], 106);
+    expect_log(c, 5);
     const std::string records = c.records();
     ASSERT_EQ(records.size(), 5u * 106);
-    EXPECT_EQ(records.substr(0, 106), record("000000010000", "250301", "00", "101530", "KOLT TEST SHOP 01", 23));
-    EXPECT_EQ(records.substr(4 * 106), record("000000100000", "260114", "60", "111111", "KOLT EC LOAD", 27));
+    EXPECT_EQ(records.substr(0, 106), log_record("000000010000", "250301", "00", "101530", "KOLT TEST SHOP 01", 23));
+    EXPECT_EQ(records.substr(4 * 106), log_record("000000100000", "260114", "60", "111111", "KOLT EC LOAD", 27));
     EXPECT_EQ(c.kind, 1);
     EXPECT_TRUE(sent(sim(), 0x32, 0x23));
 }
 
+TEST_F(IcTxDetailTest, LowestIcTypeReadsAsContact) {
+    sim().set_contact_card(load_card("pboc_debit.json"));
+    const TxCall c = tx(INT32_MIN);  // one less wraps round: not one of the six codes
+    expect_log(c, 5);
+    EXPECT_EQ(c.kind, 1);
+}
+
 TEST_F(IcTxDetailTest, NullArgumentsDoNotCrash) {
-    sim().set_contact_card(load("pboc_debit.json"));
+    sim().set_contact_card(load_card("pboc_debit.json"));
     ASSERT_EQ(IC_initCom(0, 0), 0);
     EXPECT_EQ(IC_GetTxDetail(1, nullptr, nullptr, nullptr), 0);
     IC_CloseCom(0, 0);
 }
 
 TEST_F(IcTxDetailTest, TraceWithTheLogSwitchOn) {
-    kolt::test::TempDir dir;
-    kolt::log::set_debug_dir(dir.str());
-    kolt::log::set_switch(1);
-    sim().set_contact_card(load("log_short.json"));
+    kolt::test::DebugLogCapture debug;
+    sim().set_contact_card(load_card("log_short.json"));
     const TxCall c = tx(1);
-    kolt::log::set_switch(0);
+    const std::string trace = debug.text();
     EXPECT_EQ(c.rc, 0);
-    std::string trace;
-    for (const auto& f : std::filesystem::directory_iterator(dir.path())) trace += kolt::test::read_file(f.path());
     for (const char* line : {"] IC_GetTxDetail begin......\n", "] IC_GetTxDetail ICtype = 0\n",
                              "] IC_GetTxDetail nTxDetailDataLen =320\n", "] IC_GetTxDetail TxDetail =03 6a 50 30 31 32 ",
                              "] IC_GetTxDetail psbcICType=1\n", "] IC_GetTxDetail KOLT_T41_ICC_Poweroff flag=0\n",
@@ -119,18 +95,15 @@ TEST_F(IcTxDetailTest, TraceWithTheLogSwitchOn) {
 }
 
 TEST_F(IcTxDetailTest, ContactlessCard) {
-    auto card = load("qpboc_contactless.json");
+    auto card = load_card("qpboc_contactless.json");
     sim().set_contactless_card(card);
     const TxCall c = tx(2);
-    EXPECT_EQ(c.rc, 0);
-    EXPECT_EQ(c.out[0], 3);
-    EXPECT_EQ(c.out[1], 106);
-    EXPECT_EQ(c.records().size(), 3u * 106);
+    expect_log(c, 3);
     EXPECT_EQ(c.kind, 2);
 }
 
 TEST_F(IcTxDetailTest, BinaryCandidateList) {
-    auto card = load("pboc_debit.json");
+    auto card = load_card("pboc_debit.json");
     sim().set_contact_card(card);
     const char aid[] = "\x01\x08\xF0\x4B\x4F\x4C\x54\x01\x01\x01";
     const TxCall c = tx(1, aid);
@@ -139,13 +112,10 @@ TEST_F(IcTxDetailTest, BinaryCandidateList) {
 }
 
 TEST_F(IcTxDetailTest, TenAnnouncedThreePresent) {
-    auto card = load("log_short.json");
+    auto card = load_card("log_short.json");
     sim().set_contact_card(card);
     const TxCall c = tx(1);
-    EXPECT_EQ(c.rc, 0);
-    EXPECT_EQ(c.out[0], 3);
-    EXPECT_EQ(c.out[1], 106);
-    EXPECT_EQ(c.records().size(), 3u * 106);
+    expect_log(c, 3);
     EXPECT_EQ(log_reads(*card, 11), 4);
 }
 
@@ -167,17 +137,8 @@ TEST_F(IcTxDetailTest, EmptyLog) {
     EXPECT_EQ(c.kind, 1);
 }
 
-TEST_F(IcTxDetailTest, LockedApplication) {
-    sim().set_contact_card(load("app_locked.json"));
-    const TxCall c = tx(1);
-    EXPECT_EQ(c.rc, -10);
-    EXPECT_EQ(c.out[0], 'x');  // no text
-    EXPECT_EQ(c.kind, -5);
-    EXPECT_TRUE(sent(sim(), 0x32, 0x23));
-}
-
 TEST_F(IcTxDetailTest, NoLogEntry) {
-    sim().set_contact_card(load("no_log_entry.json"));
+    sim().set_contact_card(load_card("no_log_entry.json"));
     const TxCall c = tx(1);
     EXPECT_EQ(c.rc, -10);
     EXPECT_EQ(c.out[0], 'x');
@@ -185,7 +146,7 @@ TEST_F(IcTxDetailTest, NoLogEntry) {
 }
 
 TEST_F(IcTxDetailTest, LogFormatNotAvailable) {
-    auto card = load("pboc_debit.json");
+    auto card = load_card("pboc_debit.json");
     card->remove_get_data(0x9F4F);
     sim().set_contact_card(card);
     const TxCall c = tx(1);
@@ -195,7 +156,7 @@ TEST_F(IcTxDetailTest, LogFormatNotAvailable) {
 }
 
 TEST_F(IcTxDetailTest, FormatBeginningWithTime) {
-    auto card = load("log_format_9f21.json");
+    auto card = load_card("log_format_9f21.json");
     sim().set_contact_card(card);
     const TxCall c = tx(1);
     EXPECT_EQ(c.rc, -10);
@@ -204,14 +165,9 @@ TEST_F(IcTxDetailTest, FormatBeginningWithTime) {
 }
 
 TEST_F(IcTxDetailTest, FailingReadRecordGivesTen) {
-    auto card = load("pboc_debit.json");
+    auto card = load_card("pboc_debit.json");
     sim().set_contact_card(card);
-    sim().set_handler(0x32, 0x26, [card](const Command& cmd) -> std::optional<kolt::sim::Reply> {
-        const std::span<const uint8_t> apdu(cmd.data.data() + 1, cmd.data.size() - 1);
-        if (apdu.size() >= 4 && apdu[0] == 0x00 && apdu[1] == 0xB2 && apdu[2] == 2 && (apdu[3] >> 3) == 11)
-            return std::nullopt;  // record 2 of the log: no reply
-        return kolt::sim::Reply{0x00, 0x00, card->exchange(apdu)};
-    });
+    kolt::test::silence_read_record(sim(), card, 11, 2);  // record 2 of the log: no reply
     const TxCall c = tx(1);
     EXPECT_EQ(c.rc, 10);
     EXPECT_EQ(std::string(c.out.data()), kReadRecordError);
@@ -219,37 +175,46 @@ TEST_F(IcTxDetailTest, FailingReadRecordGivesTen) {
     EXPECT_TRUE(sent(sim(), 0x32, 0x23));
 }
 
-TEST_F(IcTxDetailTest, NoCardInTheContactSlot) {
+// Every way the selection fails, folded as in the card information of the
+// IC_ family (-2, -1 without power-off; -9; -10, a locked application too),
+// but with nothing written into the output and no card kind. Each failure
+// leaves its lines in the error log.
+class IcTxSelectionFailureTest : public kolt::test::SimTest,
+                                 public ::testing::WithParamInterface<kolt::test::SelectionFailure> {};
+
+TEST_P(IcTxSelectionFailureTest, CodeAndPowerOff) {
+    const kolt::test::SelectionFailure& f = GetParam();
+    f.setup(sim());
+    kolt::test::DebugLogCapture debug;
+    kolt::test::ErrorLogTail errors;
     const TxCall c = tx(1);
-    EXPECT_EQ(c.rc, -9);
-    EXPECT_EQ(c.out[0], 'x');
-    EXPECT_TRUE(sent(sim(), 0x32, 0x23));
+    std::vector<std::string> logged;
+    switch (f.init) {
+    case -12: logged = kolt::test::kNoAnswerInitLogs; break;
+    case -1:
+        logged = {"IC_GetTxDetail \xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3",  // 卡上电错误
+                  "IC_GetTxDetail KOLT_T41_InitICCardApp flag =-1"};
+        break;
+    case ICC_Contact_Not_Insert: logged = {"IC_GetTxDetail KOLT_T41_InitICCardApp ICC_Contact_Not_Insert "}; break;
+    case -7: logged = {"IC_GetTxDetail KOLT_T41_InitICCardApp flag =-7"}; break;
+    default:
+        logged = {"IC_GetTxDetail KOLT_T41_InitICCardApp not ok flag=" + std::to_string(f.init),
+                  "IC_GetTxDetail KOLT_T41_InitICCardApp not ok"};
+        break;
+    }
+    kolt::test::expect_logged(errors.text(), logged);
+    const bool came_up = f.init != -12 && f.init != -1;
+    switch (f.init) {
+    case -12: EXPECT_EQ(c.rc, -2); break;
+    case -1: EXPECT_EQ(c.rc, -1); break;
+    case ICC_Contact_Not_Insert: EXPECT_EQ(c.rc, -9); break;
+    default: EXPECT_EQ(c.rc, -10); break;
+    }
+    EXPECT_EQ(c.out[0], 'x');  // no text
+    EXPECT_EQ(c.kind, -5);
+    EXPECT_EQ(sent(sim(), 0x32, 0x23), came_up);
 }
 
-TEST_F(IcTxDetailTest, PowerOnFailure) {
-    sim().set_contact_card(load("pboc_debit.json"));
-    sim().set_status(0x32, 0x22, 0x10, 0x05);
-    const TxCall c = tx(1);
-    EXPECT_EQ(c.rc, -1);
-    EXPECT_EQ(c.out[0], 'x');
-    EXPECT_FALSE(sent(sim(), 0x32, 0x23));
-}
-
-TEST_F(IcTxDetailTest, CardNotAnsweringPowerOn) {
-    sim().set_contact_card(load("pboc_debit.json"));
-    sim().set_status(0x32, 0x22, 0x10, 0x06);
-    const TxCall c = tx(1);
-    EXPECT_EQ(c.rc, -2);
-    EXPECT_EQ(c.out[0], 'x');
-    EXPECT_FALSE(sent(sim(), 0x32, 0x23));
-}
-
-TEST_F(IcTxDetailTest, OtherSelectionFailure) {
-    sim().set_contact_card(load("gpo_format2.json"));
-    const TxCall c = tx(1);
-    EXPECT_EQ(c.rc, -10);
-    EXPECT_EQ(c.out[0], 'x');
-    EXPECT_TRUE(sent(sim(), 0x32, 0x23));
-}
+INSTANTIATE_TEST_SUITE_P(Selection, IcTxSelectionFailureTest, ::testing::ValuesIn(kolt::test::selection_failures()));
 
 }  // namespace

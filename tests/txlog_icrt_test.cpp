@@ -1,81 +1,40 @@
 // Transaction log in the ICRT, STAR_ and IC_GetTranDeta conventions, end to
 // end through the simulated reader: KOLT_ICRT_GetTrDetail, ICRT_GetTxDetail,
 // ICRT_GetTrDetail, STAR_GetTxDetail and IC_GetTranDeta.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <chrono>
+#include <climits>
+#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "common/sim_fixture.hpp"
-#include "common/test_util.hpp"
+#include "common/card_flow.hpp"
+#include "common/pty_util.hpp"
 #include "kolt/kolt.h"
 #include "kolt_sim/card.hpp"
-#include "support/log.hpp"
 
 namespace {
 
 using kolt::sim::Card;
-using kolt::sim::Command;
-using kolt::sim::ProfileCard;
-
-const std::string kPortOpenError = "\xB4\xF2\xBF\xAA\xB6\xCB\xBF\xDA\xB4\xED\xCE\xF3";    // 打开端口错误
-const std::string kPowerOnError = "\xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3";            // 卡上电错误
-const std::string kReadRecordError = "\xB6\xC1\xBC\xC7\xC2\xBC\xB4\xED\xCE\xF3";         // 读记录错误
-const std::string kNoLogEntry =                                                           // 没有交易记录文件入口
-    "\xC3\xBB\xD3\xD0\xBD\xBB\xD2\xD7\xBC\xC7\xC2\xBC\xCE\xC4\xBC\xFE\xC8\xEB\xBF\xDA";
-const std::string kLogFormatError =                                                       // 获取交易记录格式错误
-    "\xBB\xF1\xC8\xA1\xBD\xBB\xD2\xD7\xBC\xC7\xC2\xBC\xB8\xF1\xCA\xBD\xB4\xED\xCE\xF3";
-
-std::string card_path(const std::string& file) {
-    const char* env = std::getenv("KOLT_TEST_SOURCE_DIR");
-    const std::filesystem::path root =
-        env != nullptr ? std::filesystem::path(env) : std::filesystem::path(__FILE__).parent_path().parent_path();
-    return (root / "sim" / "cards" / file).string();
-}
-
-std::shared_ptr<ProfileCard> load(const std::string& file) { return ProfileCard::load_file(card_path(file)); }
-
-// READ RECORDs (record, SFI) the card received.
-std::vector<std::pair<int, int>> reads_of_sfi(const Card& card, int sfi) {
-    std::vector<std::pair<int, int>> reads;
-    for (const auto& a : card.apdus())
-        if (a.size() >= 4 && a[0] == 0x00 && a[1] == 0xB2 && (a[3] >> 3) == sfi) reads.emplace_back(a[2], sfi);
-    return reads;
-}
-
-bool sent(const kolt::sim::Simulator& sim, uint8_t cls, uint8_t code) {
-    for (const Command& c : sim.transcript())
-        if (c.cls == cls && c.code == code) return true;
-    return false;
-}
-
-// One formatted record: letter, three-digit length and value for amount,
-// other amount, currency, date, type, time, country, merchant (20
-// characters) and ATC (decimal).
-std::string record(const std::string& amount, const std::string& date, const std::string& type,
-                   const std::string& time, std::string merchant, int atc) {
-    merchant.resize(20, ' ');
-    char x[8];
-    std::snprintf(x, sizeof x, "%04d", atc);
-    return "P012" + amount + "Q012000000000000" + "R0040156" + "S006" + date + "T002" + type + "U006" + time +
-           "V0040156" + "W020" + merchant + "X004" + x;
-}
+using kolt::test::kLogFormatError;
+using kolt::test::kNoLogEntry;
+using kolt::test::kPortOpenError;
+using kolt::test::kPowerOnError;
+using kolt::test::kReadRecordError;
+using kolt::test::load_card;
+using kolt::test::log_record;
+using kolt::test::reads_of_sfi;
+using kolt::test::sent;
 
 // The log of the reference card, oldest first.
 const std::vector<std::string> kDebitLog = {
-    record("000000010000", "250301", "00", "101530", "KOLT TEST SHOP 01", 0x17),
-    record("000000002550", "250415", "00", "142205", "KOLT CANTEEN", 0x18),
-    record("000000050000", "250620", "01", "090012", "KOLT BRANCH ATM 7", 0x19),
-    record("000000000899", "251102", "00", "183047", "KOLT BOOKSTORE", 0x1A),
-    record("000000100000", "260114", "60", "111111", "KOLT EC LOAD", 0x1B),
+    log_record("000000010000", "250301", "00", "101530", "KOLT TEST SHOP 01", 0x17),
+    log_record("000000002550", "250415", "00", "142205", "KOLT CANTEEN", 0x18),
+    log_record("000000050000", "250620", "01", "090012", "KOLT BRANCH ATM 7", 0x19),
+    log_record("000000000899", "251102", "00", "183047", "KOLT BOOKSTORE", 0x1A),
+    log_record("000000100000", "260114", "60", "111111", "KOLT EC LOAD", 0x1B),
 };
 
 std::string joined(const std::vector<std::string>& records, size_t n) {
@@ -88,15 +47,6 @@ std::string core(int ic_type, int* rc, const char* aid = "") {
     std::vector<char> out(KOLT_TXLOG_MAX, 0);
     *rc = KOLT_ICRT_GetTrDetail(0, 1, ic_type, aid, out.data());
     return std::string(out.data());
-}
-
-// Answers APDUs from the card but stays silent to READ RECORD of one SFI.
-void silence_read_record(kolt::sim::Simulator& sim, std::shared_ptr<Card> card, int sfi) {
-    sim.set_handler(0x32, 0x26, [card, sfi](const Command& c) -> std::optional<kolt::sim::Reply> {
-        const std::span<const uint8_t> apdu(c.data.data() + 1, c.data.size() - 1);
-        if (apdu.size() >= 4 && apdu[0] == 0x00 && apdu[1] == 0xB2 && (apdu[3] >> 3) == sfi) return std::nullopt;
-        return kolt::sim::Reply{0x00, 0x00, card->exchange(apdu)};
-    });
 }
 
 // A contact card whose log (SFI 11) holds `count` records of the reference
@@ -129,7 +79,7 @@ class TxLogTest : public kolt::test::SimTest {};
 // KOLT_ICRT_GetTrDetail and ICRT_GetTxDetail.
 
 TEST_F(TxLogTest, ReadsEveryRecordOfTheReferenceCard) {
-    auto card = load("pboc_debit.json");
+    auto card = load_card("pboc_debit.json");
     sim().set_contact_card(card);
     int rc = -1;
     const std::string out = core(0, &rc);
@@ -141,7 +91,7 @@ TEST_F(TxLogTest, ReadsEveryRecordOfTheReferenceCard) {
 }
 
 TEST_F(TxLogTest, OneRecordLiterally) {
-    auto card = load("pboc_debit.json");
+    auto card = load_card("pboc_debit.json");
     sim().set_contact_card(card);
     int rc = -1;
     const std::string out = core(0, &rc);
@@ -152,7 +102,7 @@ TEST_F(TxLogTest, OneRecordLiterally) {
 }
 
 TEST_F(TxLogTest, WrapperGivesTheSameAnswer) {
-    auto card = load("pboc_debit.json");
+    auto card = load_card("pboc_debit.json");
     sim().set_contact_card(card);
     std::vector<char> out(KOLT_TXLOG_MAX, 0);
     EXPECT_EQ(ICRT_GetTxDetail(0, 1, 0, "", out.data()), 5);
@@ -160,30 +110,26 @@ TEST_F(TxLogTest, WrapperGivesTheSameAnswer) {
 }
 
 TEST_F(TxLogTest, WrapperPassesFailuresThrough) {
-    sim().set_contact_card(load("no_log_entry.json"));
+    sim().set_contact_card(load_card("no_log_entry.json"));
     std::vector<char> out(64, 0);
     EXPECT_EQ(ICRT_GetTxDetail(0, 1, 0, "", out.data()), -10);
     EXPECT_EQ(std::string(out.data()), kNoLogEntry);
 }
 
 TEST_F(TxLogTest, NullArgumentsDoNotCrash) {
-    sim().set_contact_card(load("pboc_debit.json"));
+    sim().set_contact_card(load_card("pboc_debit.json"));
     EXPECT_EQ(KOLT_ICRT_GetTrDetail(0, 1, 0, nullptr, nullptr), 5);
     EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 1, nullptr, nullptr), 0);
     EXPECT_EQ(IC_GetTranDeta(nullptr, 0, 0, 0, nullptr, nullptr, nullptr, nullptr), -99);
 }
 
 TEST_F(TxLogTest, TraceWithTheLogSwitchOn) {
-    kolt::test::TempDir dir;
-    kolt::log::set_debug_dir(dir.str());
-    kolt::log::set_switch(1);
-    sim().set_contact_card(load("log_short.json"));
+    kolt::test::DebugLogCapture debug;
+    sim().set_contact_card(load_card("log_short.json"));
     int rc = -1;
     core(0, &rc);
-    kolt::log::set_switch(0);
+    const std::string trace = debug.text();
     EXPECT_EQ(rc, 3);
-    std::string trace;
-    for (const auto& f : std::filesystem::directory_iterator(dir.path())) trace += kolt::test::read_file(f.path());
     for (const char* line : {"] KOLT_ICRT_GetTrDetail begin......\n", "] KOLT_ICRT_GetICCInfo ICtype = 0\n",
                              "] KOLT_ICRT_GetTrDetail KOLT_T41_ICC_GetData oneTagValue =19 9a 03 9f 21 03 ",
                              "] KOLT_ICRT_GetTrDetail nTxDetailDataLen =321\n",
@@ -194,18 +140,18 @@ TEST_F(TxLogTest, TraceWithTheLogSwitchOn) {
 }
 
 TEST_F(TxLogTest, ContactlessCard) {
-    auto card = load("qpboc_contactless.json");
+    auto card = load_card("qpboc_contactless.json");
     sim().set_contactless_card(card);
     int rc = -1;
     const std::string out = core(1, &rc);
     EXPECT_EQ(rc, 3);
     ASSERT_EQ(out.size(), 3u + 3 * 106);
     EXPECT_EQ(out.substr(0, 3 + 106),
-              "106" + record("000000000600", "251201", "00", "080102", "KOLT METRO GATE 3", 6));
+              "106" + log_record("000000000600", "251201", "00", "080102", "KOLT METRO GATE 3", 6));
 }
 
 TEST_F(TxLogTest, TenAnnouncedThreePresent) {
-    auto card = load("log_short.json");
+    auto card = load_card("log_short.json");
     sim().set_contact_card(card);
     int rc = -1;
     const std::string out = core(0, &rc);
@@ -236,7 +182,7 @@ TEST_F(TxLogTest, FormatBeginningWithDatePassesWhateverFollows) {
 }
 
 TEST_F(TxLogTest, FormatBeginningWithTimeFails) {
-    auto card = load("log_format_9f21.json");
+    auto card = load_card("log_format_9f21.json");
     sim().set_contact_card(card);
     std::vector<char> out(64, 'x');
     EXPECT_EQ(KOLT_ICRT_GetTrDetail(0, 1, 0, "", out.data()), -23);
@@ -246,7 +192,7 @@ TEST_F(TxLogTest, FormatBeginningWithTimeFails) {
 }
 
 TEST_F(TxLogTest, LogFormatNotAvailable) {
-    auto card = load("pboc_debit.json");
+    auto card = load_card("pboc_debit.json");
     card->remove_get_data(0x9F4F);
     sim().set_contact_card(card);
     int rc = -1;
@@ -257,7 +203,7 @@ TEST_F(TxLogTest, LogFormatNotAvailable) {
 }
 
 TEST_F(TxLogTest, NoLogEntry) {
-    auto card = load("no_log_entry.json");
+    auto card = load_card("no_log_entry.json");
     sim().set_contact_card(card);
     int rc = -1;
     const std::string out = core(0, &rc);
@@ -269,23 +215,13 @@ TEST_F(TxLogTest, NoLogEntry) {
 TEST_F(TxLogTest, LockedApplicationStillGivesItsLog) {
     // Whatever the selection reports, only the log entry decides: the
     // locked contactless application still names its log.
-    auto card = load("qpboc_contactless.json");
+    auto card = load_card("qpboc_contactless.json");
     card->set_locked(true);
     sim().set_contactless_card(card);
     int rc = -1;
     const std::string out = core(1, &rc);
     EXPECT_EQ(rc, 3);
     EXPECT_EQ(out.size(), 3u + 3 * 106);
-}
-
-TEST_F(TxLogTest, LockedContactApplicationWithoutLogEntry) {
-    // A locked contact application goes on without reading its FCI: no log
-    // entry, so the selection's -7 minus 10.
-    sim().set_contact_card(load("app_locked.json"));
-    int rc = -1;
-    const std::string out = core(0, &rc);
-    EXPECT_EQ(rc, -17);
-    EXPECT_EQ(out, kNoLogEntry);
 }
 
 TEST_F(TxLogTest, EmptyLog) {
@@ -308,9 +244,9 @@ TEST_F(TxLogTest, RecordsBeyondTheOutputAreNotRead) {
 }
 
 TEST_F(TxLogTest, FailingReadRecord) {
-    auto card = load("pboc_debit.json");
+    auto card = load_card("pboc_debit.json");
     sim().set_contact_card(card);
-    silence_read_record(sim(), card, 11);
+    kolt::test::silence_read_record(sim(), card, 11);
     int rc = -1;
     const std::string out = core(0, &rc);
     EXPECT_EQ(rc, Revdata_Error - 22);
@@ -318,34 +254,30 @@ TEST_F(TxLogTest, FailingReadRecord) {
     EXPECT_TRUE(sent(sim(), 0x32, 0x23));
 }
 
-TEST_F(TxLogTest, PowerOnFailure) {
-    auto card = load("pboc_debit.json");
-    sim().set_contact_card(card);
-    sim().set_status(0x32, 0x22, 0x10, 0x05);
+// Every way the selection fails: only a failed power-on ends the call at
+// once (-11, "卡上电错误", no power-off); otherwise the selection left no log
+// entry (a locked contact application goes on without reading its FCI), so
+// its code minus 10 and "没有交易记录文件入口", the card powered off.
+class TxSelectionFailureTest : public kolt::test::SimTest,
+                               public ::testing::WithParamInterface<kolt::test::SelectionFailure> {};
+
+TEST_P(TxSelectionFailureTest, CodeTextAndPowerOff) {
+    const kolt::test::SelectionFailure& f = GetParam();
+    f.setup(sim());
     int rc = -1;
     const std::string out = core(0, &rc);
-    EXPECT_EQ(rc, -11);
-    EXPECT_EQ(out, kPowerOnError);
-    EXPECT_FALSE(sent(sim(), 0x32, 0x23));
+    if (f.init == -1) {
+        EXPECT_EQ(rc, -11);
+        EXPECT_EQ(out, kPowerOnError);
+        EXPECT_FALSE(sent(sim(), 0x32, 0x23));
+    } else {
+        EXPECT_EQ(rc, f.init - 10);
+        EXPECT_EQ(out, kNoLogEntry);
+        EXPECT_TRUE(sent(sim(), 0x32, 0x23));
+    }
 }
 
-TEST_F(TxLogTest, CardNotAnsweringPowerOn) {
-    auto card = load("pboc_debit.json");
-    sim().set_contact_card(card);
-    sim().set_status(0x32, 0x22, 0x10, 0x06);
-    int rc = -1;
-    const std::string out = core(0, &rc);
-    // The selection's -12 leaves no log entry: -12 - 10.
-    EXPECT_EQ(rc, -22);
-    EXPECT_EQ(out, kNoLogEntry);
-}
-
-TEST_F(TxLogTest, NoCardInTheContactSlot) {
-    int rc = -1;
-    const std::string out = core(0, &rc);
-    EXPECT_EQ(rc, ICC_Contact_Not_Insert - 10);
-    EXPECT_EQ(out, kNoLogEntry);
-}
+INSTANTIATE_TEST_SUITE_P(Selection, TxSelectionFailureTest, ::testing::ValuesIn(kolt::test::selection_failures()));
 
 TEST_F(TxLogTest, PortThatCannotBeOpened) {
     std::strcpy(gPortName, "kolt-no-such-device");
@@ -356,7 +288,7 @@ TEST_F(TxLogTest, PortThatCannotBeOpened) {
 }
 
 TEST_F(TxLogTest, AidTextSelectsTheApplication) {
-    auto card = load("pboc_debit.json");
+    auto card = load_card("pboc_debit.json");
     sim().set_contact_card(card);
     int rc = -1;
     const std::string out = core(0, &rc, "F04B4F4C54010101");
@@ -371,7 +303,7 @@ TEST_F(TxLogTest, AidTextSelectsTheApplication) {
 // ICRT_GetTrDetail: one record, all records, folded failures.
 
 TEST_F(TxLogTest, IndexZeroGivesEveryRecordWithoutHeaderOrTerminator) {
-    auto card = load("pboc_debit.json");
+    auto card = load_card("pboc_debit.json");
     sim().set_contact_card(card);
     std::vector<char> out(KOLT_TXLOG_MAX, 'Z');
     EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 0, "", out.data()), 0);
@@ -381,7 +313,7 @@ TEST_F(TxLogTest, IndexZeroGivesEveryRecordWithoutHeaderOrTerminator) {
 }
 
 TEST_F(TxLogTest, IndexTwoOfFive) {
-    auto card = load("pboc_debit.json");
+    auto card = load_card("pboc_debit.json");
     sim().set_contact_card(card);
     std::vector<char> out(KOLT_TXLOG_MAX, 'Z');
     EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 2, "", out.data()), 0);
@@ -389,7 +321,7 @@ TEST_F(TxLogTest, IndexTwoOfFive) {
 }
 
 TEST_F(TxLogTest, LastIndexAndBeyond) {
-    auto card = load("pboc_debit.json");
+    auto card = load_card("pboc_debit.json");
     sim().set_contact_card(card);
     std::vector<char> out(KOLT_TXLOG_MAX, 0);
     EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 5, "", out.data()), 0);
@@ -419,11 +351,11 @@ TEST_F(TxLogTest, SelectionOnAnEmptyLogIsEmptyWhateverTheIndex) {
 TEST_F(TxLogTest, SelectionFoldsFailures) {
     std::vector<char> out(64, 'x');
     {  // no log entry: -10 from the core
-        sim().set_contact_card(load("no_log_entry.json"));
+        sim().set_contact_card(load_card("no_log_entry.json"));
         EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 0, "", out.data()), -120);
     }
     {  // log format: -23
-        sim().set_contact_card(load("log_format_9f21.json"));
+        sim().set_contact_card(load_card("log_format_9f21.json"));
         EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 0, "", out.data()), -120);
     }
     {  // no card in the contact slot: a positive code from the core
@@ -434,14 +366,14 @@ TEST_F(TxLogTest, SelectionFoldsFailures) {
 }
 
 TEST_F(TxLogTest, SelectionOfPowerOnFailure) {
-    sim().set_contact_card(load("pboc_debit.json"));
+    sim().set_contact_card(load_card("pboc_debit.json"));
     sim().set_status(0x32, 0x22, 0x10, 0x05);
     std::vector<char> out(64, 'x');
     EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 0, "", out.data()), -105);
 }
 
 TEST_F(TxLogTest, SelectionOfCardNotAnswering) {
-    sim().set_contact_card(load("pboc_debit.json"));
+    sim().set_contact_card(load_card("pboc_debit.json"));
     sim().set_status(0x32, 0x22, 0x10, 0x06);
     std::vector<char> out(64, 'x');
     EXPECT_EQ(ICRT_GetTrDetail(0, 1, 0, 0, "", out.data()), -102);
@@ -474,7 +406,7 @@ TranDeta tran_deta(const std::string& port, int32_t ic_type) {
 }
 
 TEST_F(TxLogTest, TranDetaContactCard) {
-    sim().set_contact_card(load("pboc_debit.json"));
+    sim().set_contact_card(load_card("pboc_debit.json"));
     const std::string port = gPortName;
     std::memset(gPortName, 0, sizeof gPortName);
     const TranDeta t = tran_deta(port, 1);
@@ -486,11 +418,19 @@ TEST_F(TxLogTest, TranDetaContactCard) {
 }
 
 TEST_F(TxLogTest, TranDetaContactlessCard) {
-    sim().set_contactless_card(load("qpboc_contactless.json"));
+    sim().set_contactless_card(load_card("qpboc_contactless.json"));
     const TranDeta t = tran_deta(sim().port_name(), 2);
     EXPECT_EQ(t.rc, 0);
     EXPECT_EQ(t.len, 3 * 106);
     EXPECT_EQ(t.ic_type, 2);
+}
+
+TEST_F(TxLogTest, TranDetaLowestIcTypeReadsAsContact) {
+    sim().set_contact_card(load_card("pboc_debit.json"));
+    const TranDeta t = tran_deta(sim().port_name(), INT32_MIN);
+    EXPECT_EQ(t.rc, 0);
+    EXPECT_EQ(t.out, joined(kDebitLog, 5));
+    EXPECT_EQ(t.ic_type, 1);
 }
 
 TEST_F(TxLogTest, TranDetaEmptyLog) {
@@ -502,13 +442,13 @@ TEST_F(TxLogTest, TranDetaEmptyLog) {
 }
 
 TEST_F(TxLogTest, TranDetaFoldsFailures) {
-    sim().set_contact_card(load("no_log_entry.json"));
+    sim().set_contact_card(load_card("no_log_entry.json"));
     TranDeta t = tran_deta(sim().port_name(), 1);
     EXPECT_EQ(t.rc, -99);
     EXPECT_EQ(t.len, -7);
     EXPECT_EQ(t.ic_type, 1);
 
-    sim().set_contact_card(load("pboc_debit.json"));
+    sim().set_contact_card(load_card("pboc_debit.json"));
     sim().set_status(0x32, 0x22, 0x10, 0x05);  // power-on: -11, -105
     t = tran_deta(sim().port_name(), 1);
     EXPECT_EQ(t.rc, -25);
@@ -528,53 +468,39 @@ TEST_F(TxLogTest, TranDetaPortFailure) {
 // ---------------------------------------------------------------------------
 // STAR_GetTxDetail: terminal type 1, contactless, always 0.
 
-class StdinOn {
-public:
-    explicit StdinOn(const std::string& path) : saved_(::dup(0)) {
-        const int fd = ::open(path.c_str(), O_RDWR | O_NOCTTY);
-        if (fd >= 0) {
-            ::dup2(fd, 0);
-            ::close(fd);
-        }
-    }
-    ~StdinOn() {
-        ::dup2(saved_, 0);
-        ::close(saved_);
-    }
-
-private:
-    int saved_;
-};
-
 TEST(StarGetTxDetail, ReturnsZeroWithTheTextWhenThePortCannotBeOpened) {
-    StdinOn null("/dev/null");
+    kolt::test::ScopedStdin null("/dev/null");
     std::vector<char> out(256, 0);
     EXPECT_EQ(STAR_GetTxDetail("x|1|y|txdata", out.data()), 0);
     EXPECT_EQ(std::string(out.data()), kPortOpenError);
 }
 
+TEST(StarGetTxDetail, TracesItsInputAndAnswer) {
+    kolt::test::ScopedStdin null("/dev/null");
+    kolt::test::DebugLogCapture debug;
+    std::vector<char> out(256, 0);
+    EXPECT_EQ(STAR_GetTxDetail("x|7|y|txdata", out.data()), 0);
+    const std::string trace = debug.text();
+    const std::vector<std::string> lines = {"STAR_GetTxDetail ......", "STAR_GetTxDetail  datain=x|7|y|txdata",
+                                            "STAR_GetTxDetail  iPort=7", "STAR_GetTxDetail  txdata=txdata",
+                                            "STAR_GetTxDetail  strReturn=" + kPortOpenError};
+    kolt::test::expect_logged(trace, lines);
+}
+
 TEST(StarGetTxDetail, ReadsTheContactlessLogThroughTheTerminal) {
-    kolt::sim::Options options;
-    options.terminal.type = 1;
-    options.terminal.port = 3;
-    kolt::test::ScopedSimulator sim(options);
-    sim->set_contactless_card(load("qpboc_contactless.json"));
-    StdinOn tty(sim->slave_path());
+    kolt::test::TerminalSimulator sim(3);
+    sim->set_contactless_card(load_card("qpboc_contactless.json"));
     std::vector<char> out(KOLT_TXLOG_MAX, 0);
     EXPECT_EQ(STAR_GetTxDetail("COM1|3|ignored|anything", out.data()), 0);
     const std::string text(out.data());
     ASSERT_EQ(text.size(), 3u + 3 * 106);
     EXPECT_EQ(text.substr(0, 3 + 106),
-              "106" + record("000000000600", "251201", "00", "080102", "KOLT METRO GATE 3", 6));
+              "106" + log_record("000000000600", "251201", "00", "080102", "KOLT METRO GATE 3", 6));
     EXPECT_TRUE(sim->terminal_errors().empty());
 }
 
 TEST(StarGetTxDetail, ReturnsZeroWhenTheCardFails) {
-    kolt::sim::Options options;
-    options.terminal.type = 1;
-    options.terminal.port = 1;
-    kolt::test::ScopedSimulator sim(options);
-    StdinOn tty(sim->slave_path());
+    kolt::test::TerminalSimulator sim(1);  // no card on the field
     std::vector<char> out(256, 0);
     EXPECT_EQ(STAR_GetTxDetail("|1||", out.data()), 0);
     EXPECT_EQ(std::string(out.data()), kPowerOnError);

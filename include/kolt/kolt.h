@@ -219,7 +219,7 @@ KOLT_API int32_t IC_CloseCom(int32_t termType, int32_t port);                   
 KOLT_API int32_t KOLT_initCom(int32_t type, const char *ttyName, int32_t port, const char *transfer); /* opens local port (type 0) or terminal aux port; 0, -2 open failed, -1 line setting failed */
 KOLT_API int32_t KOLT_freeCom(int32_t type, int32_t port, const char *transfer);    /* closes the link; 0 */
 KOLT_API int32_t KOLT_openComOrAux(const char *ttyName, const char *typeText, const char *portText, const char *transferType, const char *transferData); /* 0, -1 open failed, -2 sequence lookup or line setting failed */
-KOLT_API int32_t KOLT_closeComOrAux(const char *typeText, const char *portText);    /* closes aux port (unlocks keyboard) or local port; 0 */
+KOLT_API int32_t KOLT_closeComOrAux(const char *typeText, const char *portText);    /* closes aux port (unlocks keyboard) or local port (only a descriptor the library opened); 0 */
 KOLT_API int32_t KOLT_closeAux(const char *typeText, const char *portText);         /* writes the aux close sequence and restores the line (local: closes); 0 */
 KOLT_API int32_t KOLT_connectDevice(const char *ttyName, const char *typeText, const char *portText, const char *transferTypeText, const char *transferPort); /* opens and greets the device (bracket frame 0x41); 0 or -1 */
 KOLT_API int32_t KOLT_disconnectDevice(const char *typeText, const char *portText); /* says goodbye (bracket frame 0x42) and closes; 0 or -1 */

@@ -121,21 +121,26 @@ Bytes text_value(const cJSON* v, const std::string& path) {
 
 Bytes tlv_list(const cJSON* obj, const std::string& path);
 
+// The bytes of every element of an array, each made by part(element,
+// element path), back to back.
+template <class Part>
+Bytes concatenated(const cJSON* array, const std::string& path, Part part) {
+    Bytes out;
+    size_t i = 0;
+    for (const cJSON* e = array->child; e != nullptr; e = e->next, ++i) {
+        const Bytes bytes = part(e, index_path(path, i));
+        out.insert(out.end(), bytes.begin(), bytes.end());
+    }
+    return out;
+}
+
 // A value: hex text, {"text": "..."} for characters, an object of tags
 // (the encoded data objects), or an array of such values, concatenated.
 Bytes value_of(const cJSON* v, const std::string& path) {
     if (cJSON_IsString(v)) return hex_of(v, path);
     if (is_text_value(v)) return text_value(v, path);
     if (cJSON_IsObject(v)) return tlv_list(v, path);
-    if (cJSON_IsArray(v)) {
-        Bytes out;
-        size_t i = 0;
-        for (const cJSON* e = v->child; e != nullptr; e = e->next, ++i) {
-            const Bytes part = value_of(e, index_path(path, i));
-            out.insert(out.end(), part.begin(), part.end());
-        }
-        return out;
-    }
+    if (cJSON_IsArray(v)) return concatenated(v, path, value_of);
     fail(path, "must be hex text, {\"text\": ...}, an object of tags or an array");
 }
 
@@ -189,15 +194,7 @@ Bytes directory_entry(const cJSON* e, const std::string& path) {
 }
 
 Bytes directory_record(const cJSON* r, const std::string& path) {
-    if (cJSON_IsArray(r)) {
-        Bytes body;
-        size_t i = 0;
-        for (const cJSON* e = r->child; e != nullptr; e = e->next, ++i) {
-            const Bytes entry = directory_entry(e, index_path(path, i));
-            body.insert(body.end(), entry.begin(), entry.end());
-        }
-        return ber::encode(0x70, body);
-    }
+    if (cJSON_IsArray(r)) return ber::encode(0x70, concatenated(r, path, directory_entry));
     return value_of(r, path);
 }
 

@@ -15,8 +15,15 @@ std::string type1_open(int port) {
     return ESC + "!0;0;0;0" + letters[port - 1] + ESC + "[/54l" + ESC + "[/53h" + ESC + "[/50h";
 }
 
-// The value rule of the terminal command file.
-std::string decode_value(const std::string& value) {
+// The value rule of the terminal command file. The value text first passes
+// once through printf-style formatting ("%%" is "%"), then a value that
+// begins with "1B" is hex text and any other has its "\033" turned into ESC.
+std::string decode_value(const std::string& text) {
+    std::string value;
+    for (size_t i = 0; i < text.size(); ++i) {
+        value.push_back(text[i]);
+        if (text[i] == '%' && i + 1 < text.size() && text[i + 1] == '%') ++i;
+    }
     std::string out;
     if (value.size() < 2) return out;
     if (value.compare(0, 2, "1B") == 0) {
@@ -35,13 +42,7 @@ std::string decode_value(const std::string& value) {
             }
         }
     }
-    // The value also passes once through printf-style formatting: "%%" is "%".
-    std::string fmt;
-    for (size_t i = 0; i < out.size(); ++i) {
-        fmt.push_back(out[i]);
-        if (out[i] == '%' && i + 1 < out.size() && out[i + 1] == '%') ++i;
-    }
-    return fmt;
+    return out;
 }
 
 bool is_comment(const std::string& line) {

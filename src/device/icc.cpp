@@ -38,12 +38,6 @@ uint32_t status_word(std::span<const uint8_t> response) {
 
 uint32_t device_code(int32_t code) { return static_cast<uint32_t>(code); }
 
-// A status word in the trace, as four hex digits.
-void log_sw(const char* format, uint32_t sw) {
-    const int value = static_cast<int>(sw);
-    log::debug(format, &value, 4);
-}
-
 // Card-level result of an exchange: the status word when the reader
 // reported success, otherwise the reader's result.
 uint32_t card_result(uint32_t slot, std::span<const uint8_t> command, CardReply& reply, uint32_t timeout) {
@@ -55,7 +49,22 @@ uint32_t card_result(uint32_t slot, std::span<const uint8_t> command, CardReply&
     return status_word(reply.response());
 }
 
+// The reader LED of a slot: the contact LED for the two contact readers,
+// the RF LED for the field; slot 0x00 has none.
+void set_slot_led(uint32_t slot, uint32_t mode) {
+    if (slot == SLOT_0_K300 || slot == SLOT_5_K200) {
+        KOLT_T41_LedOperate(LED_IC, LED_Color_G, mode);
+    } else if (slot == kSlotRf) {
+        KOLT_T41_LedOperate(LED_RF, LED_Color_G, mode);
+    }
+}
+
 }  // namespace
+
+void log_sw(const char* format, uint32_t sw) {
+    const int value = static_cast<int>(sw);
+    log::debug(format, &value, 4);
+}
 
 uint32_t poweron_transport_timeout(uint32_t timeout) { return std::min<uint32_t>(timeout, 3) + 1; }
 
@@ -103,15 +112,7 @@ int32_t power_on(uint32_t slot, uint32_t timeout, int32_t* out_slot) {
         break;
     }
 
-    if (result == OK) {
-        // The contact LED for the two contact readers, the RF LED for the
-        // field; slot 0x00 lights nothing.
-        if (working == SLOT_0_K300 || working == SLOT_5_K200) {
-            KOLT_T41_LedOperate(LED_IC, LED_Color_G, LED_Light);
-        } else if (working == kSlotRf) {
-            KOLT_T41_LedOperate(LED_RF, LED_Color_G, LED_Light);
-        }
-    }
+    if (result == OK) set_slot_led(working, LED_Light);  // slot 0x00 lights nothing
     if (out_slot != nullptr) *out_slot = static_cast<int32_t>(working);
     log::debug_int("KOLT_T41_ICC_Poweron ret=%d", result);
     return result;
@@ -134,13 +135,7 @@ int32_t power_off(uint32_t slot) {
     }
     log::debug_hex("KOLT_T41_ICC_Poweroff rcvBuf=%02x", std::span<const uint8_t>(frame.data(), static_cast<std::size_t>(n)));
     const int32_t result = link::ret_code(frame[3], frame[4]);
-    if (result == OK) {
-        if (slot == SLOT_0_K300 || slot == SLOT_5_K200) {
-            KOLT_T41_LedOperate(LED_IC, LED_Color_G, LED_Lightout);
-        } else if (slot == kSlotRf) {
-            KOLT_T41_LedOperate(LED_RF, LED_Color_G, LED_Lightout);
-        }
-    }
+    if (result == OK) set_slot_led(slot, LED_Lightout);
     log::debug_int("KOLT_T41_ICC_Poweroff ret=%d", result);
     return result;
 }

@@ -49,6 +49,9 @@ struct CardReply {
     std::span<uint8_t> room() { return bytes; }
 };
 
+// A card result in the trace under format (one "%x"), as four hex digits.
+void log_sw(const char* format, uint32_t sw);
+
 // Transport time-out of a power-on: the caller's time-out capped at 3 s,
 // plus one second.
 uint32_t poweron_transport_timeout(uint32_t timeout);

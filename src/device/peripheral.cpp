@@ -51,14 +51,16 @@ int sigle_operate(uint8_t cls, uint8_t code) {
     return status_command(cls, code, {}, 3);
 }
 
+// The field switches answer as KOLT_T41_SigleOperate does, each with its
+// own single entry line.
 int open_rf() {
     log::debug_text("KOLT_T41_OpenRF............%s", "");
-    return sigle_operate(0x38, 0x97);
+    return status_command(0x38, 0x97, {}, 3);
 }
 
 int close_rf() {
     log::debug_text("KOLT_T41_CloseRF............%s", "");
-    return sigle_operate(0x38, 0x98);
+    return status_command(0x38, 0x98, {}, 3);
 }
 
 int buzz() {

@@ -18,6 +18,7 @@ namespace {
 
 using device::CardReply;
 using device::kSwOk;
+using device::log_sw;
 
 constexpr uint8_t kTagSfi[] = {0x88};
 constexpr uint8_t kTagAid[] = {0x4F};
@@ -28,12 +29,6 @@ constexpr uint8_t kTtq[] = {0x9F, 0x66};
 
 // Records of the directory are read one by one; P1 names at most 255.
 constexpr int kLastRecordNumber = 255;
-
-// A status word in the trace, as four hex digits.
-void log_sw(const char* format, uint32_t sw) {
-    const int value = static_cast<int>(sw);
-    log::debug(format, &value, 4);
-}
 
 struct Directory {
     int32_t result = 0;              // 0, -2 or -3

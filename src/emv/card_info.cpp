@@ -23,7 +23,6 @@ namespace kolt::emv {
 
 namespace {
 
-constexpr uint32_t kInitTimeout = 20;    // power-on and selection
 constexpr uint32_t kCommandTimeout = 6;  // GET DATA and READ RECORD
 // AFL entries naming a short file identifier from here on are not read.
 constexpr int kSfiLimit = 11;
@@ -34,35 +33,33 @@ constexpr std::string_view kYsSlots = "AEGHIKJXCDBM";
 // Letters whose slots make up the application data block of the IC_ family.
 constexpr std::string_view kAppDataLetters = "AJZ34Y";
 
-// Text of a known length (an empty text is logged as such, never as a
-// terminated string at a null pointer).
-void log_text(const char* format, std::string_view text) {
-    if (text.empty()) {
-        log::debug_text(format, "");
-        return;
-    }
-    log::debug(format, text.data(), static_cast<int>(text.size()));
-}
-void log_hex(const char* format, std::string_view bytes) {
-    log::debug(format, bytes.data(), static_cast<int>(bytes.size()));
-}
-
-std::span<const uint8_t, 2> tag_bytes(const uint8_t (&tag)[2]) { return std::span<const uint8_t, 2>(tag); }
-
-// GET DATA of an electronic-cash value into a letter's slot; the letter is
-// listed as found whatever the card answered (a failed read leaves the slot
-// empty, and the letter is then reported with length 0).
-void get_data_into(const uint8_t (&tag)[2], int index) {
-    device::get_data(static_cast<uint32_t>(ssICType), tag_bytes(tag),
-                     std::span<uint8_t, kSlotSize>(tagListValue[index], kSlotSize), kCommandTimeout);
-    append_found(tagList[index]);
-}
-
-constexpr uint8_t kTagEcBalance[2] = {0x9F, 0x79};
-constexpr uint8_t kTagEcBalanceLimit[2] = {0x9F, 0x77};
-constexpr uint8_t kTagEcSingleLimit[2] = {0x9F, 0x78};
-
 bool contains(std::string_view letters, char c) { return letters.find(c) != std::string_view::npos; }
+
+// The electronic-cash values read with GET DATA, in the order they are read:
+// balance 9F79 (slot G), balance limit 9F77 (slot H), single transaction
+// limit 9F78 (slot K).
+struct EcValue {
+    uint8_t tag[2];
+    int slot;
+};
+constexpr EcValue kEcValues[3] = {
+    {{0x9F, 0x79}, kEcBalance},
+    {{0x9F, 0x77}, kEcBalanceLimit},
+    {{0x9F, 0x78}, kEcSingleLimit},
+};
+
+// GET DATA of value i when the request holds triggers[i]. The letter of the
+// slot filled is listed as found whatever the card answered (a failed read
+// leaves the slot empty, and the letter is then reported with length 0).
+void fetch_ec_values(std::string_view request, std::string_view triggers) {
+    for (std::size_t i = 0; i < std::size(kEcValues); ++i) {
+        if (!contains(request, triggers[i])) continue;
+        const EcValue& v = kEcValues[i];
+        device::get_data(static_cast<uint32_t>(ssICType), std::span<const uint8_t, 2>(v.tag),
+                         std::span<uint8_t, kSlotSize>(tagListValue[v.slot], kSlotSize), kCommandTimeout);
+        append_found(tagList[v.slot]);
+    }
+}
 
 // Log lines of one AFL walk; nullptr writes nothing.
 struct WalkLogs {
@@ -189,39 +186,6 @@ void log_slots() {
 
 // ---------------------------------------------------------------------------
 
-std::string_view bounded(const char* text, std::size_t max) {
-    if (text == nullptr) return {};
-    return std::string_view(text, ::strnlen(text, max));
-}
-
-std::string star_field(std::string_view input, int k) {
-    // The input is split with the library's field helper on a bounded copy;
-    // the field is then cut to the 256-byte field buffer.
-    const std::string text(input.substr(0, kStarInputMax));
-    std::string field(text.size() + 1, '\0');
-    KOLT_GetSubStr(text.c_str(), field.data(), '|', k);
-    field.resize(::strnlen(field.c_str(), field.size()));
-    if (field.size() > kFieldMax) field.resize(kFieldMax);
-    return field;
-}
-
-int32_t do_ic_type(int32_t ic_type, int32_t* flag) {
-    int32_t slot = 0;
-    switch (ic_type) {
-    case 0:
-    case 20: slot = 0; break;
-    case 1:
-    case 21: slot = 255; break;
-    case 2:
-    case 22: slot = 2; break;
-    default: return 0;  // contact; the flag stays as it is
-    }
-    if (flag != nullptr) *flag = -1;
-    return slot;
-}
-
-int32_t card_kind_of_slot(int32_t slot) { return slot == 255 ? 2 : 1; }
-
 std::string sys_date() {
     char buf[100] = {0};
     const std::time_t now = std::time(nullptr);
@@ -229,22 +193,6 @@ std::string sys_date() {
     localtime_r(&now, &tm);
     std::strftime(buf, sizeof buf, "%Y%m%d%H%M%S", &tm);
     return buf;
-}
-
-AppInit start_app(const uint8_t* aid_list) {
-    return init_app(kInitTimeout, static_cast<uint32_t>(ssICType), candidate_list_bytes(aid_list));
-}
-
-AppInit start_app_psbc(const char* aid_text) {
-    return init_app_psbc(kInitTimeout, static_cast<uint32_t>(ssICType), bounded(aid_text, kFieldMax));
-}
-
-int32_t power_off_card() { return device::power_off(static_cast<uint32_t>(ssICType)); }
-
-void write_text(char* out, const std::optional<std::string>& text) {
-    if (out == nullptr || !text) return;
-    std::memcpy(out, text->data(), text->size());
-    out[text->size()] = '\0';
 }
 
 // ---------------------------------------------------------------------------
@@ -261,20 +209,15 @@ Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, cons
     clear_working_state();
     init_tag_list_value();
 
-    const int type = link::do_term_type(term_type);
-    const int opened = link::init_com(type, "", port, "");
-    if (opened < 0) {
-        log::error_int("KOLT_ICRT_GetICCInfo KOLT_initCom flag=%d", opened);
-        link::free_com(type, port);
-        return {-21, std::string(gbk::kPortOpenError)};
-    }
+    const auto type = open_link(term_type, port, "KOLT_ICRT_GetICCInfo KOLT_initCom flag=%d");
+    if (!type) return {-21, std::string(gbk::kPortOpenError)};
 
     Outcome result;
     const AppInit app = start_app(aid_list);
     if (app.result == kInitPowerOnFailed) {
         // 卡上电错误: the card never came up, so no power-off is sent.
         log::error_text("KOLT_ICRT_GetICCInfo \xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3%s", "");
-        link::free_com(type, port);
+        close_link(*type, port);
         return {app.result - 10, std::string(gbk::kPowerOnError)};
     }
     if (app.result != 0 && app.result != kInitAppLocked) {
@@ -286,9 +229,7 @@ Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, cons
 
         // Electronic-cash values. The trigger letters differ from the
         // letters of the slots they fill: E fills G, F fills H, G fills K.
-        if (contains(letters, 'E')) get_data_into(kTagEcBalance, kEcBalance);
-        if (contains(letters, 'F')) get_data_into(kTagEcBalanceLimit, kEcBalanceLimit);
-        if (contains(letters, 'G')) get_data_into(kTagEcSingleLimit, kEcSingleLimit);
+        fetch_ec_values(letters, "EFG");
 
         WalkLogs logs;
         logs.parsed = "KOLT_ICRT_GetICCInfo gFindedTagList2=%s";
@@ -306,22 +247,15 @@ Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, cons
 
     const int32_t off = power_off_card();
     log::debug("getIdCardInfo KOLT_T41_ICC_Poweroff flag=%x", &off, 4);
-    link::free_com(type, port);
+    close_link(*type, port);
     return result;
 }
 
 Outcome star_get_info(std::string_view input) {
-    log::debug_text("STAR_GetInfo ......%s", "");
-    log_text("STAR_GetInfo  datain=%s", input);
-    const std::string port_field = star_field(input, 2);
-    const int port = std::atoi(port_field.c_str());
-    log::debug_int("STAR_GetInfo  iPort=%d", port);
-    const std::string letters = star_field(input, 4);
-    log_text("STAR_GetInfo  tagList=%s", letters);
-
+    const StarInput in = read_star_input(input, "STAR_GetInfo", "tagList");
     static const uint8_t kNoCandidates[1] = {0};
-    Outcome r = icrt_get_icc_info(1, port, 1, kNoCandidates, letters);
-    log_text("STAR_GetInfo  strReturn=%s", r.text ? std::string_view(*r.text) : std::string_view());
+    Outcome r = icrt_get_icc_info(1, in.port, 1, kNoCandidates, in.field4);
+    log_star_return("STAR_GetInfo", r.text);
     return r;
 }
 
@@ -345,45 +279,22 @@ YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid
 
     YsOutcome out;
     const AppInit app = start_app_psbc(aid_text);
-    switch (app.result) {
-    case 0:
-        break;
-    case kInitNoResponse:
-        log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag=%d", app.result);
-        log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag =%d", app.result);
-        out.code = -2;
-        out.text = std::string(gbk::kPowerOnError);
-        return out;
-    case kInitPowerOnFailed:
+    if (app.result != 0) {
+        InitFailureLogs logs;
         // 卡上电错误
-        log::error_text("IC_GetInfo \xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3%s", "");
-        log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag =%d", app.result);
-        out.code = -1;
-        out.text = std::string(gbk::kPowerOnError);
-        return out;
-    case ICC_Contact_Not_Insert:
-        log::error_text("IC_GetInfo KOLT_T41_InitICCardApp flag ICC_Contact_Not_Insert%s", "");
-        out.code = -9;
-        out.text = std::string(gbk::kContactNotInserted);
-        break;
-    case kInitAppLocked:
-        log::error_text("IC_GetInfo KOLT_T41_InitICCardApp flag =%s", "-7");
-        out.code = -10;
-        out.text = std::string(gbk::kCardInitError);
-        break;
-    default:
-        log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag not ok =%d", app.result);
-        out.code = -10;
-        out.text = std::string(gbk::kCardInitError);
-        break;
-    }
-
-    if (app.result == 0) {
+        logs.power_on[0] = "IC_GetInfo \xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3%s";
+        logs.power_on[1] = "IC_GetInfo KOLT_T41_InitICCardApp flag =%d";
+        logs.not_inserted = "IC_GetInfo KOLT_T41_InitICCardApp flag ICC_Contact_Not_Insert%s";
+        logs.locked = "IC_GetInfo KOLT_T41_InitICCardApp flag =%s";
+        logs.other[0] = "IC_GetInfo KOLT_T41_InitICCardApp flag not ok =%d";
+        const InitFailure failure = ic_init_failure(app.result, logs);
+        out.code = failure.code;
+        out.text = std::string(failure.text);
+        if (!failure.power_off) return out;  // the card never came up
+    } else {
         // The GET DATA triggers are tested on the caller's own letters,
         // before the YS translation.
-        if (contains(search, 'G')) get_data_into(kTagEcBalance, kEcBalance);
-        if (contains(search, 'H')) get_data_into(kTagEcBalanceLimit, kEcBalanceLimit);
-        if (contains(search, 'K')) get_data_into(kTagEcSingleLimit, kEcSingleLimit);
+        fetch_ec_values(search, "GHK");
 
         WalkLogs logs;
         logs.entry = "IC_GetInfo nAFL i=%d";
@@ -427,9 +338,7 @@ YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid
 
 IcInfoOutcome ic_get_info(std::string_view port_name, int32_t ic_type, const char* aid_text,
                           std::string_view letters) {
-    std::memset(gPortName, 0, sizeof gPortName);
-    const auto name = port_name.substr(0, kPortNameMax);
-    if (!name.empty()) std::memcpy(gPortName, name.data(), name.size());
+    set_port_name(port_name);
 
     log::set_switch(config::ini_int("icc", "log", config::kolt_ini_path()));
     log::debug_int("ID_GetInfo g_nWriteDebugLog=%d", log::switch_value());
@@ -443,7 +352,7 @@ IcInfoOutcome ic_get_info(std::string_view port_name, int32_t ic_type, const cha
         return out;
     }
 
-    YsOutcome ys = ys_get_info(ic_type - 1, letters, aid_text);
+    YsOutcome ys = ys_get_info(ic_type_from_one(ic_type), letters, aid_text);
     log::debug_int("IC_GetInfo IC_GetInfo_YS nRet=%d", ys.code);
     out.text = std::move(ys.text);
     out.card_kind = ys.card_kind;

@@ -78,7 +78,10 @@ int build_dol(std::span<const uint8_t> dol, std::span<const uint8_t, 4> random, 
             // card's length counted.
             bytes.assign(std::begin(kTerminalTransactionQualifiers), std::end(kTerminalTransactionQualifiers));
         } else if (tag_value == 0x9F7A) {
+            // The electronic cash terminal support indicator is one byte,
+            // and one byte is counted, whatever the card's length says.
             bytes.assign(1, kEcTerminalSupportIndicator);
+            counted = 1;
         } else {
             // Tags the terminal does not know are answered with characters
             // "0" (0x30), not with zero bytes; cards in the field see this.

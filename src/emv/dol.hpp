@@ -19,7 +19,8 @@ inline constexpr int kDolRoom = 256;
 //   9A    the date text packed as BCD into L bytes (YYYYMMDD drops "YY")
 //   9F4E  L raw bytes of the merchant slot
 //   other table tags: the slot's digit text packed as BCD into L bytes
-//   9F66  F4 00 00 00; 9F7A 01 (L is what is counted)
+//   9F66  F4 00 00 00 (L is what is counted)
+//   9F7A  01 (one byte counted, whatever L says)
 //   any other tag: L characters "0" (0x30)
 // Returns 0, or -1 when the DOL is empty or its data does not fit in out.
 int build_dol(std::span<const uint8_t> dol, std::span<const uint8_t, 4> random, std::span<uint8_t> out,

@@ -192,20 +192,26 @@ bool same_tag(const tlv_t& item, std::span<const uint8_t> tag) {
     return item.tag.size == tag.size() && std::memcmp(item.tag.data, tag.data(), tag.size()) == 0;
 }
 
-struct Level {
-    std::vector<tlv_t> items;
-    std::size_t next = 0;
+// What a walk does after visiting an item.
+enum class Step {
+    Descend,   // on into the item's value, then the item's next sibling
+    Next,      // on with the item's next sibling
+    EndLevel,  // on with the next sibling of the item's parent
+    Stop,      // the walk ends
 };
 
-}  // namespace
-
-void parse_tag_value(std::span<const uint8_t> reply, int strict) {
-    // Depth-first through every item's value, in source order; an explicit
-    // stack keeps arbitrarily deep nesting off the call stack.
+// Depth-first through the items of `top` and, as visit(item, depth)
+// decides, the items inside their values (decoded with nested_strict), in
+// source order. An explicit stack keeps arbitrarily deep nesting off the
+// call stack.
+template <class Visit>
+void walk_items(std::vector<tlv_t> top, int nested_strict, Visit&& visit) {
+    struct Level {
+        std::vector<tlv_t> items;
+        std::size_t next = 0;
+    };
     std::vector<Level> stack;
-    auto top = decode_items(reply, strict);
-    if (top.empty()) return;
-    stack.push_back(Level{std::move(top)});
+    if (!top.empty()) stack.push_back(Level{std::move(top)});
     while (!stack.empty()) {
         Level& level = stack.back();
         if (level.next >= level.items.size()) {
@@ -213,10 +219,27 @@ void parse_tag_value(std::span<const uint8_t> reply, int strict) {
             continue;
         }
         const tlv_t item = level.items[level.next++];
-        store_item(item);
-        auto nested = decode_items(value_of(item), 1);
-        if (!nested.empty()) stack.push_back(Level{std::move(nested)});
+        switch (visit(item, stack.size() - 1)) {
+        case Step::Descend: {
+            auto nested = decode_items(value_of(item), nested_strict);
+            if (!nested.empty()) stack.push_back(Level{std::move(nested)});
+            break;
+        }
+        case Step::Next: break;
+        case Step::EndLevel: stack.pop_back(); break;
+        case Step::Stop: return;
+        }
     }
+}
+
+}  // namespace
+
+void parse_tag_value(std::span<const uint8_t> reply, int strict) {
+    // Every item at any depth; nested values are always decoded strictly.
+    walk_items(decode_items(reply, strict), 1, [](const tlv_t& item, std::size_t) {
+        store_item(item);
+        return Step::Descend;
+    });
 }
 
 TagSearch search_tag(std::span<const uint8_t> reply, std::span<const uint8_t> tag, int strict,
@@ -232,32 +255,21 @@ TagSearch search_tag(std::span<const uint8_t> reply, std::span<const uint8_t> ta
         r.result = -2;
         return r;
     }
-    std::vector<Level> stack;
-    stack.push_back(Level{std::move(top)});
-    while (!stack.empty()) {
-        Level& level = stack.back();
-        if (level.next >= level.items.size()) {
-            stack.pop_back();
-            continue;
-        }
-        const tlv_t item = level.items[level.next++];
+    r.result = 0;  // unless a top-level item matches; the length tells about nested ones
+    walk_items(std::move(top), strict, [&](const tlv_t& item, std::size_t depth) {
         if (!tag.empty() && same_tag(item, tag)) {
             r.found = true;
             r.value = value_of(item);
             r.length = static_cast<int32_t>(item.val.size);
-            if (stack.size() == 1) {
+            if (depth == 0) {
                 r.result = r.length;  // a match among the top-level items
-                return r;
+                return Step::Stop;
             }
-            stack.pop_back();  // that level's search ends with its match
-            continue;
+            return Step::EndLevel;  // that level's search ends with its match
         }
         // A nested search started with a value already found stops at once.
-        if (r.length >= 1) continue;
-        auto nested = decode_items(value_of(item), strict);
-        if (!nested.empty()) stack.push_back(Level{std::move(nested)});
-    }
-    r.result = 0;  // no match at the top level; the length tells about nested ones
+        return r.length >= 1 ? Step::Next : Step::Descend;
+    });
     return r;
 }
 

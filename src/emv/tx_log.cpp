@@ -10,7 +10,6 @@
 #include "device/icc.hpp"
 #include "emv/tags.hpp"
 #include "kolt/kolt.h"
-#include "link/port.hpp"
 #include "support/log.hpp"
 
 namespace kolt::emv {
@@ -20,16 +19,6 @@ namespace {
 constexpr uint32_t kLogFormatTimeout = 20;  // GET DATA 9F4F
 constexpr uint32_t kRecordTimeout = 6;      // READ RECORD
 constexpr uint8_t kTagLogFormat[2] = {0x9F, 0x4F};
-
-// Text of a known length (an empty text is logged as such, never as a
-// terminated string at a null pointer).
-void log_text(const char* format, std::string_view text) {
-    if (text.empty()) {
-        log::debug_text(format, "");
-        return;
-    }
-    log::debug(format, text.data(), static_cast<int>(text.size()));
-}
 
 // Log lines of one log read (the two cores name themselves differently).
 struct LogTexts {
@@ -48,6 +37,16 @@ struct LogRead {
     int32_t count = 0;        // records formatted
     int32_t record_len = 0;   // length of the first formatted record
     std::string records;      // the formatted records back to back
+
+    // The text both cores write when the read did not complete: none for a
+    // log format of another layout.
+    std::optional<std::string> failure_text() const {
+        switch (end) {
+        case End::NoLogFormat: return std::string(gbk::kLogFormatError);
+        case End::ReadFailed: return std::string(gbk::kReadRecordError);
+        default: return std::nullopt;
+        }
+    }
 };
 
 // GET DATA of the log format, the one-byte format check, then READ RECORD
@@ -116,18 +115,13 @@ LogOutcome icrt_get_tr_detail(int32_t term_type, int32_t port, int32_t ic_type, 
     log::debug_int("KOLT_ICRT_GetICCInfo ICtype = %d", ssICType);
     clear_working_state();
 
-    const int type = link::do_term_type(term_type);
-    const int opened = link::init_com(type, "", port, "");
-    if (opened < 0) {
-        log::error_int("KOLT_ICRT_GetTrDetail KOLT_initCom flag=%d", opened);
-        link::free_com(type, port);
-        return {-21, std::string(gbk::kPortOpenError), std::nullopt, 0};
-    }
+    const auto type = open_link(term_type, port, "KOLT_ICRT_GetTrDetail KOLT_initCom flag=%d");
+    if (!type) return {-21, std::string(gbk::kPortOpenError), std::nullopt, 0};
 
     const AppInit app = start_app_psbc(aid_text);
     if (app.result == kInitPowerOnFailed) {
         // 卡上电错误: the card never came up, so no power-off is sent.
-        link::free_com(type, port);
+        close_link(*type, port);
         return {-11, std::string(gbk::kPowerOnError), std::nullopt, 0};
     }
 
@@ -144,19 +138,10 @@ LogOutcome icrt_get_tr_detail(int32_t term_type, int32_t port, int32_t ic_type, 
         texts.formatted_len = "KOLT_ICRT_GetTrDetail nTxDetailDataLen =%d";
         texts.formatted = "KOLT_ICRT_GetTrDetail &TxDetail[nIndex] =%s";
         LogRead r = read_log(app, 3, texts);
-        switch (r.end) {
-        case LogRead::End::NoLogFormat:
-            out.code = -23;
-            out.text = std::string(gbk::kLogFormatError);
-            break;
-        case LogRead::End::FormatMismatch:
-            out.code = -23;  // no text
-            break;
-        case LogRead::End::ReadFailed:
-            out.code = r.read_result - 22;
-            out.text = std::string(gbk::kReadRecordError);
-            break;
-        case LogRead::End::Complete: {
+        if (r.end != LogRead::End::Complete) {
+            out.code = r.end == LogRead::End::ReadFailed ? r.read_result - 22 : -23;
+            out.text = r.failure_text();
+        } else {
             char head[16];
             std::snprintf(head, sizeof head, "%03d", r.record_len);
             std::string text = std::string(head, 3) + r.records;
@@ -165,14 +150,12 @@ LogOutcome icrt_get_tr_detail(int32_t term_type, int32_t port, int32_t ic_type, 
             out.text = std::move(text);
             out.records = r.count;
             out.record_len = r.record_len;
-            break;
-        }
         }
     }
 
     const int32_t off = power_off_card();
     log::debug_int("KOLT_ICRT_GetTrDetail KOLT_T41_ICC_Poweroff flag=%d", off);
-    link::free_com(type, port);
+    close_link(*type, port);
     return out;
 }
 
@@ -220,26 +203,18 @@ TrDetailOutcome icrt_select_tr_detail(int32_t term_type, int32_t port, int32_t i
 }
 
 LogOutcome star_get_tx_detail(std::string_view input) {
-    log::debug_text("STAR_GetTxDetail ......%s", "");
-    log_text("STAR_GetTxDetail  datain=%s", input);
-    const std::string port_field = star_field(input, 2);
-    const int port = std::atoi(port_field.c_str());
-    log::debug_int("STAR_GetTxDetail  iPort=%d", port);
-    const std::string txdata = star_field(input, 4);
-    log_text("STAR_GetTxDetail  txdata=%s", txdata);
-
-    LogOutcome r = icrt_get_tr_detail(1, port, 1, "");
-    log_text("STAR_GetTxDetail  strReturn=%s", r.text ? std::string_view(*r.text) : std::string_view());
+    // Field 4 ("txdata") is traced and not used.
+    const StarInput in = read_star_input(input, "STAR_GetTxDetail", "txdata");
+    LogOutcome r = icrt_get_tr_detail(1, in.port, 1, "");
+    log_star_return("STAR_GetTxDetail", r.text);
     return r;
 }
 
 TranDetaOutcome ic_get_tran_deta(std::string_view port_name, int32_t ic_type, const char* aid_text) {
-    std::memset(gPortName, 0, sizeof gPortName);
-    const auto name = port_name.substr(0, kPortNameMax);
-    if (!name.empty()) std::memcpy(gPortName, name.data(), name.size());
+    set_port_name(port_name);
 
     TranDetaOutcome out;
-    out.written = icrt_select_tr_detail(0, 0, ic_type - 1, 0, aid_text);
+    out.written = icrt_select_tr_detail(0, 0, ic_type_from_one(ic_type), 0, aid_text);
     if (out.written.code == 0) {
         // The records carry no zero byte, so the text written is exactly
         // what strlen of a zeroed output finds.
@@ -260,47 +235,31 @@ TranDetaOutcome ic_get_tran_deta(std::string_view port_name, int32_t ic_type, co
 
 TxDetailOutcome ic_get_tx_detail(int32_t ic_type, const uint8_t* aid_list) {
     int32_t flag = 0;
-    ssICType = do_ic_type(ic_type - 1, &flag);
+    ssICType = do_ic_type(ic_type_from_one(ic_type), &flag);
     log::debug_text("IC_GetTxDetail begin......%s", "");
     log::debug_int("IC_GetTxDetail ICtype = %d", ssICType);
     clear_working_state();
 
     TxDetailOutcome out;
     const AppInit app = start_app(aid_list);
-    switch (app.result) {
-    case kInitNoResponse:
-        log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag=%d", app.result);
-        log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag =%d", app.result);
-        out.code = -2;
-        return out;
-    case kInitPowerOnFailed:
+    if (app.result != 0) {
+        // The same codes as the card information of the IC_ family, but no
+        // text in the output.
+        InitFailureLogs logs;
         // 卡上电错误
-        log::error_text("IC_GetTxDetail \xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3%s", "");
-        log::error_int("IC_GetTxDetail KOLT_T41_InitICCardApp flag =%d", app.result);
-        out.code = -1;
-        return out;
-    case ICC_Contact_Not_Insert:
-        log::error_text("IC_GetTxDetail KOLT_T41_InitICCardApp ICC_Contact_Not_Insert %s", "");
-        out.code = -9;
-        break;
-    case kInitAppLocked:
-        log::error_text("IC_GetTxDetail KOLT_T41_InitICCardApp flag =%s", "-7");
+        logs.power_on[0] = "IC_GetTxDetail \xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3%s";
+        logs.power_on[1] = "IC_GetTxDetail KOLT_T41_InitICCardApp flag =%d";
+        logs.not_inserted = "IC_GetTxDetail KOLT_T41_InitICCardApp ICC_Contact_Not_Insert %s";
+        logs.locked = "IC_GetTxDetail KOLT_T41_InitICCardApp flag =%s";
+        logs.other[0] = "IC_GetTxDetail KOLT_T41_InitICCardApp not ok flag=%d";
+        logs.other[1] = "IC_GetTxDetail KOLT_T41_InitICCardApp not ok%s";
+        const InitFailure failure = ic_init_failure(app.result, logs);
+        out.code = failure.code;
+        if (!failure.power_off) return out;  // the card never came up
+    } else if (app.log_entry_len < 2) {
+        log::error_text("IC_GetTxDetail KOLT_T41_InitICCardApp nLogEntry error%s", "");
         out.code = -10;
-        break;
-    case 0:
-        if (app.log_entry_len < 2) {
-            log::error_text("IC_GetTxDetail KOLT_T41_InitICCardApp nLogEntry error%s", "");
-            out.code = -10;
-        }
-        break;
-    default:
-        log::error_int("IC_GetTxDetail KOLT_T41_InitICCardApp not ok flag=%d", app.result);
-        log::error_text("IC_GetTxDetail KOLT_T41_InitICCardApp not ok%s", "");
-        out.code = -10;
-        break;
-    }
-
-    if (app.result == 0 && app.log_entry_len >= 2) {
+    } else {
         LogTexts texts;
         texts.get_data_failed = "IC_GetTxDetail KOLT_T41_ICC_GetData \x9F\x4F =%s";
         texts.read_record = "IC_GetTxDetail KOLT_T41_ICC_Comm_Read_Record rApduBuf=%02x";
@@ -308,20 +267,12 @@ TxDetailOutcome ic_get_tx_detail(int32_t ic_type, const uint8_t* aid_list) {
         texts.formatted_hex = "IC_GetTxDetail &TxDetail[nIndex] =%02x";
         texts.formatted = "IC_GetTxDetail &TxDetail[nIndex] =%s";
         LogRead r = read_log(app, 2, texts);
-        switch (r.end) {
-        case LogRead::End::NoLogFormat:
-            out.code = -10;
-            out.text = std::string(gbk::kLogFormatError);
-            break;
-        case LogRead::End::FormatMismatch:
-            out.code = -10;  // no text
-            break;
-        case LogRead::End::ReadFailed:
-            // Kept as the IC_ family defines it: 10, not an error code.
-            out.code = 10;
-            out.text = std::string(gbk::kReadRecordError);
-            break;
-        case LogRead::End::Complete: {
+        if (r.end != LogRead::End::Complete) {
+            // A failed READ RECORD is 10, not an error code, as the IC_
+            // family defines it.
+            out.code = r.end == LogRead::End::ReadFailed ? 10 : -10;
+            out.text = r.failure_text();
+        } else {
             std::string block;
             block += static_cast<char>(r.count & 0xFF);
             block += static_cast<char>(r.record_len & 0xFF);
@@ -334,8 +285,6 @@ TxDetailOutcome ic_get_tx_detail(int32_t ic_type, const uint8_t* aid_list) {
             out.text = std::move(block);
             out.card_kind = card_kind_of_slot(ssICType);
             log::debug_int("IC_GetTxDetail psbcICType=%d", *out.card_kind);
-            break;
-        }
         }
     }
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "emv/card_info.hpp"
+#include "emv/flow.hpp"
 
 namespace kolt::emv {
 

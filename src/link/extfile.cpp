@@ -9,16 +9,12 @@
 #include <span>
 
 #include "kolt/kolt.h"
+#include "support/file.hpp"
 #include "support/hex.hpp"
 #include "support/log.hpp"
 
 namespace kolt::link {
 namespace {
-
-struct FileCloser {
-    void operator()(std::FILE* fp) const { std::fclose(fp); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
 
 // Terminal-file lines are read in pieces of up to 1023 characters, key=value
 // files in pieces of up to 1022 (a longer line continues as the next piece).
@@ -45,6 +41,37 @@ std::string section_header(const char* kind, std::string_view type_text) {
 
 // A section ends at the next header of either kind.
 bool ends_section(const std::string& line) { return contains(line, "[TERM") || contains(line, "[TRANSFER"); }
+
+// The lines of the first section of the terminal file whose header line
+// contains header. Comment lines are skipped everywhere (a commented header
+// neither starts nor ends a section); the next header of either kind ends
+// the section, and only the first matching section is read.
+class SectionLines {
+public:
+    SectionLines(const std::string& path, std::string header)
+        : fp_(support::open_file(path.c_str(), "r")), header_(std::move(header)) {}
+    bool opened() const { return fp_ != nullptr; }
+    // The next line of the section; false at its end or the file's.
+    bool next(std::string& line) {
+        while (!done_ && read_piece(fp_.get(), kExtLineMax, line)) {
+            if (is_comment(line)) continue;
+            if (!inside_) {
+                inside_ = contains(line, header_);
+                continue;
+            }
+            if (ends_section(line)) break;
+            return true;
+        }
+        done_ = true;
+        return false;
+    }
+
+private:
+    support::File fp_;
+    std::string header_;
+    bool inside_ = false;
+    bool done_ = false;
+};
 
 std::string capped(std::string bytes) {
     if (bytes.size() > kExtValueMax) bytes.resize(kExtValueMax);
@@ -113,7 +140,7 @@ bool value_from_line(std::string& line, std::string_view key, std::string& value
 }
 
 int value_from_file(const std::string& path, std::string_view key, std::string& value) {
-    File fp(std::fopen(path.c_str(), "r"));
+    const support::File fp = support::open_file(path.c_str(), "r");
     if (!fp) return -1;
     const std::string entry = std::string(key) + "=";
     std::string line;
@@ -146,50 +173,44 @@ std::string convert_value(std::string_view value) {
 int read_term_commands(const std::string& path, std::string_view type_text, std::string_view port_text,
                        TermCommands& out) {
     out = TermCommands{};
-    File fp(std::fopen(path.c_str(), "r"));
-    if (!fp) {
+    SectionLines section(path, section_header("TERM", type_text));
+    if (!section.opened()) {
         log::debug_text("getTermCmdFromExtfile fopen error%s", path.c_str());
         return -1;
     }
-    const std::string header = section_header("TERM", type_text);
     const std::string open_key = "OPEN_COM" + std::string(port_text);
     const std::string close_key = "CLOSE_COM" + std::string(port_text);
-    bool in_section = false;
     int ncmd = 0;
     std::string line;
-    while (read_piece(fp.get(), kExtLineMax, line)) {
-        if (is_comment(line)) continue;
-        if (!in_section) {
-            if (contains(line, header)) {
-                in_section = true;
-                ncmd = 0;
-            }
-            continue;
-        }
-        if (ends_section(line)) break;
+    // Stores the value of the key the line was claimed for, as bytes; a line
+    // without key + "=" has no value and leaves the output as it was.
+    const auto take = [&line](std::string_view key, std::string& to) {
+        std::string value;
+        if (value_from_line(line, key, value)) to = capped(convert_value(value));
+    };
+    while (section.next(line)) {
         // Keys in this order, each matched by substring of the key text: the
-        // key OPEN_COM1 also claims a line holding OPEN_COM12=, as the teller
-        // system's files have always been read. The value is then what
-        // follows key + "=", empty when the line has no such text.
+        // key OPEN_COM1 also claims (and counts) a line holding OPEN_COM12=,
+        // as the teller system's files have always been read.
         if (contains(line, open_key)) {
-            out.open = capped(convert_value(entry_value(line, open_key)));
+            take(open_key, out.open);
             ++ncmd;
             log::debug_text("getTermCmdFromExtfile KOLT_getValueFromStr open_aux_cmd=%s", out.open.c_str());
         } else if (contains(line, close_key)) {
-            out.close = capped(convert_value(entry_value(line, close_key)));
+            take(close_key, out.close);
             ++ncmd;
             log::debug_text("getTermCmdFromExtfile KOLT_getValueFromStr close_aux_cmd=%s", out.close.c_str());
         } else if (contains(line, "LOCK_KEY") && !contains(line, "UNLOCK_KEY")) {
-            out.lock = capped(convert_value(entry_value(line, "LOCK_KEY")));
+            take("LOCK_KEY", out.lock);
             log::debug_hex("getTermCmdFromExtfile KOLT_getValueFromStr key_lock_cmd=%02x", as_bytes(out.lock));
         } else if (contains(line, "UNLOCK_KEY")) {
-            out.unlock = capped(convert_value(entry_value(line, "UNLOCK_KEY")));
+            take("UNLOCK_KEY", out.unlock);
             log::debug_hex("getTermCmdFromExtfile KOLT_getValueFromStr key_unlock_cmd=%02x", as_bytes(out.unlock));
         } else if (contains(line, "CMD_BEGIN")) {
-            out.lead = capped(convert_value(entry_value(line, "CMD_BEGIN")));
+            take("CMD_BEGIN", out.lead);
             log::debug_text("getTermCmdFromExtfile KOLT_getValueFromStr aux_lead=%s", out.lead.c_str());
         } else if (contains(line, "CMD_END")) {
-            out.end = capped(convert_value(entry_value(line, "CMD_END")));
+            take("CMD_END", out.end);
             log::debug_text("getTermCmdFromExtfile KOLT_getValueFromStr aux_end=%s", out.end.c_str());
         }
     }
@@ -200,22 +221,14 @@ int read_term_commands(const std::string& path, std::string_view type_text, std:
 int read_transfer_command(const std::string& path, std::string_view type_text, std::string_view letter,
                           std::string& out) {
     out.clear();
-    File fp(std::fopen(path.c_str(), "r"));
-    if (!fp) {
+    SectionLines section(path, section_header("TRANSFER", type_text));
+    if (!section.opened()) {
         log::debug_text("getTransferCmdFromExtfile fopen error%s", path.c_str());
         return -1;
     }
-    const std::string header = section_header("TRANSFER", type_text);
     const std::string key = "OPEN_PORT" + std::string(letter);
-    bool in_section = false;
     std::string line;
-    while (read_piece(fp.get(), kExtLineMax, line)) {
-        if (is_comment(line)) continue;
-        if (!in_section) {
-            in_section = contains(line, header);
-            continue;
-        }
-        if (ends_section(line)) return -2;
+    while (section.next(line)) {
         if (contains(line, key)) {
             // Matched by substring like the terminal keys; pass-through values
             // are always hex text.

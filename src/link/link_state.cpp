@@ -38,16 +38,16 @@ std::string_view port_name() {
 
 void close_fd() {
     LinkState& s = state();
-    if (s.fd >= 0) ::close(s.fd);
-    if (s.owned_tty == s.fd) s.owned_tty = -1;
+    if (s.fd >= 0 && s.fd == s.owned_fd) {
+        ::close(s.fd);
+        s.owned_fd = -1;
+    }
 }
 
-void adopt_fd(int fd, bool owned_tty) {
+void adopt_fd(int fd, bool owned) {
     LinkState& s = state();
-    if (s.owned_tty >= 0 && s.owned_tty != fd) {
-        ::close(s.owned_tty);
-    }
-    s.owned_tty = owned_tty ? fd : -1;
+    if (s.owned_fd >= 0 && s.owned_fd != fd) ::close(s.owned_fd);
+    s.owned_fd = owned && fd >= 0 ? fd : -1;
     s.fd = fd;
 }
 

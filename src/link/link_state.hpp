@@ -20,10 +20,14 @@ struct LinkState {
     // Descriptor of the link: 0 (the terminal itself) until a local port or
     // a named terminal device is opened; never reset after a close.
     int fd = 0;
-    // A terminal device this library opened by name in auxiliary mode. It
-    // stays open after the link is closed (the descriptor is never reset)
-    // and is closed when a later open replaces it.
-    int owned_tty = -1;
+    // The descriptor this library opened itself (a local port, or a terminal
+    // device named in auxiliary mode), -1 when fd is not ours: descriptor 0
+    // is the application's own terminal, and so is the 0 a refused port
+    // number leaves behind. Only an owned descriptor is ever closed. A named
+    // terminal stays open after an auxiliary close (fd is never reset) and,
+    // like a port the application never closed, is closed when a later open
+    // replaces it.
+    int owned_fd = -1;
 
     termios oldtio{};      // saved settings of a local port
     termios newtio{};      // working settings of a local port
@@ -56,12 +60,12 @@ void clear_sequences();
 // gPortName as text (at most 31 characters are used).
 std::string_view port_name();
 
-// Closes the link descriptor (fd keeps its value) and forgets it as an
-// owned terminal when it was one.
+// Closes the link descriptor when this library opened it (fd keeps its
+// value); a descriptor it did not open is left alone.
 void close_fd();
 
-// Makes fd the link descriptor; a terminal opened earlier by name that is
-// not fd any more is closed.
-void adopt_fd(int fd, bool owned_tty);
+// Makes fd the link descriptor (owned: opened by this library); a
+// descriptor opened earlier that is not fd any more is closed.
+void adopt_fd(int fd, bool owned);
 
 }  // namespace kolt::link

@@ -52,6 +52,45 @@ bool g_term_saved = false;
 
 bool is_one_of(std::string_view s, const char* a) { return s == a; }
 
+// Ports 1..8 name ttyS0..ttyS7; 0 is taken as 1.
+bool port_accepted(int port) { return port >= 0 && port <= 8; }
+
+// The speed constant of an accepted line speed.
+bool speed_of(int baud, speed_t& speed) {
+    switch (baud) {
+    case 4800: speed = B4800; return true;
+    case 9600: speed = B9600; return true;
+    case 19200: speed = B19200; return true;
+    case 38400: speed = B38400; return true;
+    case 57600: speed = B57600; return true;
+    case 115200: speed = B115200; return true;
+    default: return false;
+    }
+}
+
+// Opens the terminal device named in auxiliary mode as the link (flags
+// besides read-write); its descriptor, negative when it cannot be opened.
+int open_named_terminal(std::string_view tty, int flags) {
+    const std::string name(tty);
+    const int fd = ::open(name.c_str(), O_RDWR | O_CLOEXEC | flags);
+    adopt_fd(fd, true);
+    return fd;
+}
+
+// Opens the local port of port_text at 9600 as the link, without lead or
+// end sequences and with pending input flushed; false when the open fails.
+// A refused port number leaves descriptor 0, the application's own
+// terminal, which the link then uses but never closes.
+bool open_local(std::string_view port_text) {
+    const int port = to_int(atoi_text(port_text));
+    const int fd = open_com(port, 9600);
+    adopt_fd(fd, port_accepted(port));
+    if (fd < 0) return false;
+    clear_sequences();
+    ::tcflush(fd, TCIFLUSH);
+    return true;
+}
+
 }  // namespace
 
 int do_term_type(int term_type) {
@@ -72,18 +111,8 @@ int do_term_type(int term_type) {
 bool aux_mode(std::string_view type_text) { return type_text.empty() || type_text[0] != '0'; }
 
 int open_com(int port, int baud) {
-    if (port == 0) port = 1;
-    if (port < 1 || port > 8) return 0;  // not an error code: nothing is opened
-    speed_t speed;
-    switch (baud) {
-    case 4800: speed = B4800; break;
-    case 9600: speed = B9600; break;
-    case 19200: speed = B19200; break;
-    case 38400: speed = B38400; break;
-    case 57600: speed = B57600; break;
-    case 115200: speed = B115200; break;
-    default: return 0;
-    }
+    speed_t speed = B0;
+    if (!port_accepted(port) || !speed_of(baud, speed)) return 0;  // not an error code: nothing is opened
     // The port number only selects whether to open; the device is the one
     // the entry point named in gPortName.
     const std::string name(port_name());
@@ -114,6 +143,8 @@ int open_com(int port, int baud) {
 
 int set_term() {
     LinkState& s = state();
+    // Settings saved from an earlier line are never restored onto this one.
+    g_term_saved = false;
     if (s.fd < 0) return -1;
     if (::ioctl(s.fd, TCGETA, &s.oterm_attr) < 0) return -1;
     if (::ioctl(s.fd, TCGETA, &s.term_attr) < 0) return -1;
@@ -239,10 +270,8 @@ int open_com_or_aux(std::string_view tty, std::string_view type_text, std::strin
     LinkState& s = state();
     if (aux_mode(type_text)) {
         if (!tty.empty()) {
-            const std::string name(tty);
-            const int fd = ::open(name.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-            adopt_fd(fd, fd >= 0);
-            log::debug_text("openComOrAux tty_name =%s", name.c_str());
+            const int fd = open_named_terminal(tty, O_NOCTTY);
+            log::debug_text("openComOrAux tty_name =%s", std::string(tty).c_str());
             log::debug_int("openComOrAux tty_name fd=%d", fd);
             if (fd < 0) return -1;
         }
@@ -261,13 +290,7 @@ int open_com_or_aux(std::string_view tty, std::string_view type_text, std::strin
         }
         return 0;
     }
-    const int fd = open_com(to_int(atoi_text(port_text)), 9600);
-    adopt_fd(fd, false);
-    if (fd < 0) return -1;
-    // A local port has no lead or end sequences.
-    clear_sequences();
-    ::tcflush(fd, TCIFLUSH);
-    return 0;
+    return open_local(port_text) ? 0 : -1;
 }
 
 int close_com_or_aux(std::string_view type_text, std::string_view port_text) {
@@ -303,12 +326,8 @@ int connect_device(std::string_view tty, std::string_view type_text, std::string
                    std::string_view transfer_type_text, std::string_view transfer_port) {
     LinkState& s = state();
     if (aux_mode(type_text)) {
-        if (!tty.empty()) {
-            const std::string name(tty);
-            const int fd = ::open(name.c_str(), O_RDWR | O_CLOEXEC);
-            adopt_fd(fd, fd >= 0);
-            if (fd < 0) return -1;
-        }
+        // Opened without the no-controlling-terminal flag, unlike the plain open.
+        if (!tty.empty() && open_named_terminal(tty, 0) < 0) return -1;
         if (set_term() == -1) return -1;
         if (get_aux_cmd(type_text, port_text, s.open_aux_cmd, s.close_aux_cmd) != 0) return -1;
         write_text(seq_text(s.key_lock_cmd));
@@ -317,12 +336,8 @@ int connect_device(std::string_view tty, std::string_view type_text, std::string
         if (get_bp_command(transfer_type_text, transfer_port, s.ExtendCmd) == 0) {
             write_text(seq_text(s.ExtendCmd));
         }
-    } else {
-        const int fd = open_com(to_int(atoi_text(port_text)), 9600);
-        adopt_fd(fd, false);
-        if (fd < 0) return -1;
-        clear_sequences();
-        ::tcflush(fd, TCIFLUSH);
+    } else if (!open_local(port_text)) {
+        return -1;
     }
     uint8_t out[kReplyMax];
     const int n = bracket_transact(s.fd, 0x41, {}, out, 6);

@@ -61,7 +61,7 @@ int decode_raw(uint8_t* buf, int len) {
     const int r = len % 4;
     if (r == 1) return 0;
     if (r != 0) {
-        for (int i = len; i < (g + 1) * 4; ++i) buf[i] = '=';
+        for (long long i = len; i < (static_cast<long long>(g) + 1) * 4; ++i) buf[i] = '=';
         ++g;
     }
     int stop = 0;
@@ -69,7 +69,7 @@ int decode_raw(uint8_t* buf, int len) {
         int v[4] = {0, 0, 0, 0};
         int group_stop = -1;
         for (int j = 0; j < 4; ++j) {
-            const int x = value_of(buf[4 * i + j]);
+            const int x = value_of(buf[4 * static_cast<size_t>(i) + j]);
             if (x < 0) {
                 group_stop = j;
                 break;
@@ -77,7 +77,7 @@ int decode_raw(uint8_t* buf, int len) {
             v[j] = x;
         }
         if (group_stop >= 0) stop = group_stop;
-        uint8_t* o = buf + 3 * i;
+        uint8_t* o = buf + 3 * static_cast<size_t>(i);
         const uint8_t b0 = static_cast<uint8_t>((v[0] << 2) | (v[1] >> 4));
         const uint8_t b1 = static_cast<uint8_t>(((v[1] & 15) << 4) | (v[2] >> 2));
         const uint8_t b2 = static_cast<uint8_t>(((v[2] & 3) << 6) | v[3]);
@@ -98,10 +98,13 @@ int decode_raw(uint8_t* buf, int len) {
     return g * 3;
 }
 
+// Room the decoder needs for len characters: up to the next multiple of 4.
+size_t padded_size(int len) { return (static_cast<size_t>(len) + 3) / 4 * 4; }
+
 }  // namespace
 
 int encode_in_place(std::span<uint8_t> buf, int len) {
-    if (len < 0) return -1;
+    if (encoded_size(len) < 0) return -1;
     const size_t need = static_cast<size_t>(encoded_size(len)) + (len % 3 != 0 ? 1 : 0);
     if (buf.size() < need || buf.size() < static_cast<size_t>(len)) return -1;
     return encode_raw(buf.data(), len);
@@ -110,7 +113,7 @@ int encode_in_place(std::span<uint8_t> buf, int len) {
 int decode_in_place(std::span<uint8_t> buf, int len) {
     if (len < 0 || buf.size() < static_cast<size_t>(len)) return -1;
     if (len % 4 == 1) return 0;
-    const size_t need = static_cast<size_t>((len + 3) / 4 * 4);
+    const size_t need = padded_size(len);
     if (buf.size() < need) return -1;
     return decode_raw(buf.data(), len);
 }
@@ -137,14 +140,14 @@ std::vector<uint8_t> decode(std::string_view text) {
 extern "C" {
 
 KOLT_API int32_t KOLT_Base64(uint8_t* buf, int32_t len) {
-    if (buf == nullptr || len < 0) return 0;
-    return kolt::base64::encode_in_place(
-        std::span<uint8_t>(buf, static_cast<size_t>(kolt::base64::encoded_size(len)) + 1), len);
+    const int text = kolt::base64::encoded_size(len);
+    if (buf == nullptr || text < 0) return 0;
+    return kolt::base64::encode_in_place(std::span<uint8_t>(buf, static_cast<size_t>(text) + 1), len);
 }
 
 KOLT_API int32_t KOLT_UnBase64(uint8_t* buf, int32_t len) {
     if (buf == nullptr || len < 0) return 0;
-    return kolt::base64::decode_in_place(std::span<uint8_t>(buf, static_cast<size_t>((len + 3) / 4 * 4)), len);
+    return kolt::base64::decode_in_place(std::span<uint8_t>(buf, kolt::base64::padded_size(len)), len);
 }
 
 }  // extern "C"

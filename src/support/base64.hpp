@@ -10,14 +10,19 @@
 
 namespace kolt::base64 {
 
-// Encoded length of len bytes: (len + 2) / 3 * 4.
-constexpr int encoded_size(int len) { return len < 0 ? 0 : (len + 2) / 3 * 4; }
+// Encoded length of len bytes: (len + 2) / 3 * 4; -1 when len is negative
+// or the text would not be countable in an int.
+constexpr int encoded_size(int len) {
+    if (len < 0) return -1;
+    const long long n = (static_cast<long long>(len) + 2) / 3 * 4;
+    return n > 0x7FFFFFFF - 1 ? -1 : static_cast<int>(n);
+}
 
 // Replaces the first len bytes of buf with their Base64 text and returns its
 // length. A remainder of 1 or 2 bytes also gets a terminating 0 after the
 // text; a whole number of groups gets none (callers use the length).
-// Returns -1 when len is negative or buf cannot hold the text (and the
-// terminator when one is written).
+// Returns -1 when len is negative or too large, or buf cannot hold the text
+// (and the terminator when one is written).
 int encode_in_place(std::span<uint8_t> buf, int len);
 
 // Replaces the first len characters of buf with the decoded bytes and

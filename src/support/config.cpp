@@ -10,13 +10,9 @@
 #include <memory>
 
 #include "kolt/kolt.h"
+#include "support/file.hpp"
 
 namespace kolt::config {
-
-struct FileCloser {
-    void operator()(std::FILE* fp) const { std::fclose(fp); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
 
 namespace {
 
@@ -28,7 +24,7 @@ bool starts_with(const std::string& s, const std::string& prefix) { return s.com
 }  // namespace
 
 std::string ini_string(const std::string& section, const std::string& key, const std::string& path) {
-    File fp(std::fopen(path.c_str(), "r"));
+    const support::File fp = support::open_file(path.c_str(), "r");
     if (!fp) return {};
     const std::string header = "[" + section + "]";
     bool in_section = false;
@@ -115,7 +111,7 @@ KOLT_API int32_t GetCurrentPath(char* out, const char* name) {
     char cmdline[257] = {0};
     char proc[64];
     std::snprintf(proc, sizeof proc, "/proc/%d/cmdline", static_cast<int>(::getpid()));
-    if (const kolt::config::File fp{std::fopen(proc, "r")}) {
+    if (const auto fp = kolt::support::open_file(proc, "r")) {
         const size_t got = std::fread(cmdline, 1, 256, fp.get());
         (void)got;
     }

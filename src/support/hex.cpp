@@ -17,29 +17,10 @@
 #include <memory>
 
 #include "kolt/kolt.h"
+#include "support/file.hpp"
 
 namespace kolt::support {
 namespace {
-
-struct FileCloser {
-    void operator()(std::FILE* fp) const { std::fclose(fp); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
-
-// Closes a descriptor when it goes out of scope.
-class Fd {
-public:
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 uint32_t digit_of(unsigned char c) {
     // 0x30..0x3A: the colon counts as ten, as the device's own tools write it.
@@ -373,7 +354,7 @@ KOLT_API int32_t KOLT_writeBuf2File(const char* path, const uint8_t* buffer, int
     // Never overwrites: an existing path is refused, and the exclusive
     // create closes the gap between the check and the open.
     if (::access(path, F_OK) == 0) return -1;
-    const ks::Fd fd(::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    const ks::UniqueFd fd(::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
     if (fd.get() < 0) return -1;
     size_t done = 0;
     while (done < static_cast<size_t>(n)) {

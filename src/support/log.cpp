@@ -17,6 +17,7 @@
 #include "kolt/kolt.h"
 #include "link/extfile.hpp"
 #include "support/config.hpp"
+#include "support/file.hpp"
 
 namespace kolt::log {
 namespace {
@@ -30,19 +31,19 @@ std::string g_log_path;
 // Files above this size move to their ".bak" name before the next line.
 constexpr long kRotateSize = 0xA00000;
 
-struct FileCloser {
-    void operator()(std::FILE* fp) const { std::fclose(fp); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
-
-std::string year_month() {
-    char buf[16] = {0};
-    const std::time_t now = std::time(nullptr);
+// A moment in local time through a strftime format.
+std::string local_time(std::time_t when, const char* format) {
     std::tm tm{};
-    localtime_r(&now, &tm);
-    std::strftime(buf, sizeof buf, "%Y%m", &tm);
+    localtime_r(&when, &tm);
+    char buf[64] = {0};
+    std::strftime(buf, sizeof buf, format, &tm);
     return buf;
 }
+
+std::string now_as(const char* format) { return local_time(std::time(nullptr), format); }
+
+// Copies text with its terminator into a caller's buffer.
+void copy_text(char* out, const std::string& text) { std::memcpy(out, text.c_str(), text.size() + 1); }
 
 void write_to_dir(const std::string& dir, const char* format, const void* data, int len) {
     ::mkdir(dir.c_str(), 0775);  // an existing directory is no error
@@ -64,7 +65,7 @@ void set_switch(int value) { g_write_debug_log = value; }
 std::string debug_dir() { return g_log_path; }
 void set_debug_dir(const std::string& dir) { g_log_path = dir.substr(0, kLogPathMax); }
 
-std::string file_in(const std::string& dir) { return dir + "/" + "koltIccheck" + year_month() + ".log"; }
+std::string file_in(const std::string& dir) { return dir + "/" + "koltIccheck" + now_as("%Y%m") + ".log"; }
 
 std::string exe_dir(const char* link) {
     char buf[256] = {0};
@@ -113,19 +114,15 @@ std::string delete_command(const std::string& dir) {
 std::string timestamp() {
     struct timeval tv {};
     ::gettimeofday(&tv, nullptr);
-    const std::time_t secs = tv.tv_sec;
-    std::tm tm{};
-    localtime_r(&secs, &tm);
-    char date[32] = {0};
-    std::strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S", &tm);
+    const std::string date = local_time(tv.tv_sec, "%Y-%m-%d %H:%M:%S");
     char out[64] = {0};
-    std::snprintf(out, sizeof out, "%s %03ld", date, static_cast<long>(tv.tv_usec / 1000));
+    std::snprintf(out, sizeof out, "%s %03ld", date.c_str(), static_cast<long>(tv.tv_usec / 1000));
     return out;
 }
 
 void write_entry(const char* path, const char* format, const void* data, int len) {
     if (path == nullptr || format == nullptr) return;
-    File fp(std::fopen(path, "a+"));
+    support::File fp = support::open_file(path, "a+");
     if (!fp) return;
 
     struct stat st {};
@@ -214,19 +211,13 @@ KOLT_API void KOLT_writeLog(const char* path, const char* format, const void* da
 
 KOLT_API int32_t getNowYearMonth(char* out) {
     if (out == nullptr) return -1;
-    const std::time_t now = std::time(nullptr);
-    std::tm tm{};
-    localtime_r(&now, &tm);
-    std::strftime(out, 7, "%Y%m", &tm);
+    kolt::log::copy_text(out, kolt::log::now_as("%Y%m"));
     return 0;
 }
 
 KOLT_API int32_t KOLT_getcurrenttime(char* out) {
     if (out == nullptr) return -1;
-    const std::time_t now = std::time(nullptr);
-    std::tm tm{};
-    localtime_r(&now, &tm);
-    std::strftime(out, 15, "%Y%m%d%H%M%S", &tm);
+    kolt::log::copy_text(out, kolt::log::now_as("%Y%m%d%H%M%S"));
     return 0;
 }
 

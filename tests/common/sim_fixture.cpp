@@ -32,6 +32,27 @@ void SimTest::SetUp() { sim_ = std::make_unique<ScopedSimulator>(options()); }
 
 void SimTest::TearDown() { sim_.reset(); }
 
+void LinkedSimTest::SetUp() {
+    SimTest::SetUp();
+    ASSERT_EQ(KOLT_initCom(0, "", 1, ""), 0);
+}
+
+void LinkedSimTest::TearDown() {
+    KOLT_freeCom(0, 1, "");
+    SimTest::TearDown();
+}
+
+void RawSimTest::SetUp() {
+    sim = std::make_unique<kolt::sim::Simulator>(options());
+    sim->start();
+    line = std::make_unique<RawLine>(sim->slave_path());
+}
+
+void RawSimTest::TearDown() {
+    line.reset();
+    sim.reset();
+}
+
 RawLine::RawLine(const std::string& path) {
     fd_ = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (fd_ < 0) throw std::runtime_error("cannot open " + path);
@@ -64,55 +85,40 @@ void RawLine::write(const std::vector<uint8_t>& bytes) {
 void RawLine::write(const std::string& text) { write(text_bytes(text)); }
 
 namespace {
-template <class Done>
-std::vector<uint8_t> read_loop(int fd, int timeout_ms, Done done) {
+// Reads from fd until `want` (asked with what has arrived so far) says that
+// no more bytes are wanted, or timeout_ms has passed; `want` also caps how
+// many bytes one read may take.
+template <class Want>
+std::vector<uint8_t> read_loop(int fd, int timeout_ms, Want want) {
     std::vector<uint8_t> out;
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (!done(out)) {
+    for (size_t n = want(out); n > 0; n = want(out)) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
         if (left.count() <= 0) break;
         pollfd p{fd, POLLIN, 0};
         if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
         uint8_t buf[512];
-        const ssize_t n = ::read(fd, buf, sizeof buf);
-        if (n > 0) out.insert(out.end(), buf, buf + n);
+        const ssize_t got = ::read(fd, buf, std::min(sizeof buf, n));
+        if (got > 0) out.insert(out.end(), buf, buf + got);
     }
     return out;
 }
 }  // namespace
 
 std::vector<uint8_t> RawLine::read(size_t n, int timeout_ms) {
-    // Reads at most what is asked for, one byte at a time near the end.
-    std::vector<uint8_t> out;
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (out.size() < n) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-        if (left.count() <= 0) break;
-        pollfd p{fd_, POLLIN, 0};
-        if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
-        uint8_t buf[512];
-        const ssize_t got = ::read(fd_, buf, std::min(sizeof buf, n - out.size()));
-        if (got > 0) out.insert(out.end(), buf, buf + got);
-    }
-    return out;
+    // Reads at most what is asked for.
+    return read_loop(fd_, timeout_ms, [n](const std::vector<uint8_t>& got) { return n - got.size(); });
 }
 
 std::vector<uint8_t> RawLine::read_until(uint8_t last, int timeout_ms) {
-    std::vector<uint8_t> out;
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (out.empty() || out.back() != last) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-        if (left.count() <= 0) break;
-        pollfd p{fd_, POLLIN, 0};
-        if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
-        uint8_t b = 0;
-        if (::read(fd_, &b, 1) == 1) out.push_back(b);
-    }
-    return out;
+    // One byte at a time, so that nothing after `last` is taken.
+    return read_loop(fd_, timeout_ms, [last](const std::vector<uint8_t>& got) -> size_t {
+        return !got.empty() && got.back() == last ? 0 : 1;
+    });
 }
 
 std::vector<uint8_t> RawLine::read_for(int ms) {
-    return read_loop(fd_, ms, [](const std::vector<uint8_t>&) { return false; });
+    return read_loop(fd_, ms, [](const std::vector<uint8_t>&) -> size_t { return 512; });
 }
 
 std::vector<uint8_t> stx_etx(const std::string& inner) {

@@ -52,6 +52,14 @@ private:
     std::unique_ptr<ScopedSimulator> sim_;
 };
 
+// SimTest with the library's link open on the simulator for every test
+// (local port, terminal type 0), closed again afterwards.
+class LinkedSimTest : public SimTest {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+};
+
 // The host end of the simulated line, for tests that talk to the simulator
 // byte by byte instead of through the library.
 class RawLine {
@@ -73,6 +81,18 @@ public:
 
 private:
     int fd_ = -1;
+};
+
+// A simulator without the library: the test talks to it through a RawLine on
+// the host end of its line.
+class RawSimTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    virtual kolt::sim::Options options() const { return {}; }
+
+    std::unique_ptr<kolt::sim::Simulator> sim;
+    std::unique_ptr<RawLine> line;
 };
 
 // 0x02, the characters of `inner`, 0x03: a main frame written out.

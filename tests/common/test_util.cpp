@@ -1,5 +1,7 @@
 #include "common/test_util.hpp"
 
+#include "support/log.hpp"
+
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -43,6 +45,22 @@ std::string read_file(const std::string& path) {
     std::ostringstream ss;
     ss << in.rdbuf();
     return ss.str();
+}
+
+DebugLogCapture::DebugLogCapture() {
+    kolt::log::set_debug_dir(dir_.str());
+    kolt::log::set_switch(1);
+}
+
+DebugLogCapture::~DebugLogCapture() {
+    kolt::log::set_switch(0);
+    kolt::log::set_debug_dir("");
+}
+
+std::string DebugLogCapture::text() const {
+    std::string all;
+    for (const auto& e : std::filesystem::directory_iterator(dir_.path())) all += read_file(e.path().string());
+    return all;
 }
 
 std::vector<uint8_t> bytes(std::initializer_list<int> values) {

@@ -44,6 +44,37 @@ private:
 };
 
 std::string read_file(const std::string& path);
+
+// The ESC byte, as escape sequences are spelled in the tests.
+inline const std::string kEsc = "\x1b";
+
+// The terminal section of type 51 in the teller terminal's command file,
+// port 1: text values with "\033" and hex values beginning "1B".
+inline const std::string kTerm51Section =
+    "[TERM_51_KOLT510QX]\n"
+    "OPEN_COM1=\\033[/50h\n"
+    "CLOSE_COM1=\\033[/50l\n"
+    "LOCK_KEY=1B5B3268\n"
+    "UNLOCK_KEY=1B5B326C\n"
+    "CMD_BEGIN=\\033[/51h\n"
+    "CMD_END=\\033[/51l\n";
+
+// Switches the library's debug log on, into a temporary directory, for the
+// lifetime of the object; text() is everything logged so far.
+class DebugLogCapture {
+public:
+    DebugLogCapture();
+    ~DebugLogCapture();
+    DebugLogCapture(const DebugLogCapture&) = delete;
+    DebugLogCapture& operator=(const DebugLogCapture&) = delete;
+
+    std::string text() const;
+    const TempDir& dir() const { return dir_; }
+
+private:
+    TempDir dir_;
+};
+
 std::vector<uint8_t> bytes(std::initializer_list<int> values);
 std::vector<uint8_t> from_hex(const std::string& hex);  // blanks ignored
 std::string to_hex(const uint8_t* data, size_t n);       // upper case, no blanks

@@ -1,0 +1,142 @@
+// Pieces shared by the card-information and transaction-log flows.
+#include "emv/flow.hpp"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "device/icc.hpp"
+#include "emv/tags.hpp"
+#include "kolt/kolt.h"
+#include "link/port.hpp"
+#include "support/log.hpp"
+
+namespace kolt::emv {
+
+namespace {
+constexpr uint32_t kInitTimeout = 20;  // power-on and selection
+}  // namespace
+
+std::string_view bounded(const char* text, std::size_t max) {
+    if (text == nullptr) return {};
+    return std::string_view(text, ::strnlen(text, max));
+}
+
+std::string star_field(std::string_view input, int k) {
+    // The input is split with the library's field helper on a bounded copy;
+    // the field is then cut to the 256-byte field buffer.
+    const std::string text(input.substr(0, kStarInputMax));
+    std::string field(text.size() + 1, '\0');
+    KOLT_GetSubStr(text.c_str(), field.data(), '|', k);
+    field.resize(::strnlen(field.c_str(), field.size()));
+    if (field.size() > kFieldMax) field.resize(kFieldMax);
+    return field;
+}
+
+StarInput read_star_input(std::string_view input, std::string_view name, std::string_view field4_label) {
+    const std::string prefix(name);
+    log::debug_text((prefix + " ......%s").c_str(), "");
+    log_text((prefix + "  datain=%s").c_str(), input);
+    StarInput in;
+    in.port = std::atoi(star_field(input, 2).c_str());
+    log::debug_int((prefix + "  iPort=%d").c_str(), in.port);
+    in.field4 = star_field(input, 4);
+    log_text((prefix + "  " + std::string(field4_label) + "=%s").c_str(), in.field4);
+    return in;
+}
+
+void log_star_return(std::string_view name, const std::optional<std::string>& text) {
+    log_text((std::string(name) + "  strReturn=%s").c_str(), text ? std::string_view(*text) : std::string_view());
+}
+
+void set_port_name(std::string_view name) {
+    std::memset(gPortName, 0, sizeof gPortName);
+    name = name.substr(0, kPortNameMax);
+    if (!name.empty()) std::memcpy(gPortName, name.data(), name.size());
+}
+
+int32_t do_ic_type(int32_t ic_type, int32_t* flag) {
+    int32_t slot = 0;
+    switch (ic_type) {
+    case 0:
+    case 20: slot = 0; break;
+    case 1:
+    case 21: slot = 255; break;
+    case 2:
+    case 22: slot = 2; break;
+    default: return 0;  // contact; the flag stays as it is
+    }
+    if (flag != nullptr) *flag = -1;
+    return slot;
+}
+
+int32_t ic_type_from_one(int32_t caller_type) {
+    return static_cast<int32_t>(static_cast<uint32_t>(caller_type) - 1u);
+}
+
+int32_t card_kind_of_slot(int32_t slot) { return slot == 255 ? 2 : 1; }
+
+std::optional<int> open_link(int32_t term_type, int32_t port, const char* failure_log) {
+    const int type = link::do_term_type(term_type);
+    const int opened = link::init_com(type, "", port, "");
+    if (opened < 0) {
+        log::error_int(failure_log, opened);
+        link::free_com(type, port);
+        return std::nullopt;
+    }
+    return type;
+}
+
+void close_link(int type, int32_t port) { link::free_com(type, port); }
+
+AppInit start_app(const uint8_t* aid_list) {
+    return init_app(kInitTimeout, static_cast<uint32_t>(ssICType), candidate_list_bytes(aid_list));
+}
+
+AppInit start_app_psbc(const char* aid_text) {
+    return init_app_psbc(kInitTimeout, static_cast<uint32_t>(ssICType), bounded(aid_text, kFieldMax));
+}
+
+int32_t power_off_card() { return device::power_off(static_cast<uint32_t>(ssICType)); }
+
+InitFailure ic_init_failure(int32_t init_result, const InitFailureLogs& logs) {
+    switch (init_result) {
+    case kInitNoResponse:
+        log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag=%d", init_result);
+        log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag =%d", init_result);
+        return {-2, gbk::kPowerOnError, false};
+    case kInitPowerOnFailed:
+        log::error_text(logs.power_on[0], "");
+        log::error_int(logs.power_on[1], init_result);
+        return {-1, gbk::kPowerOnError, false};
+    case ICC_Contact_Not_Insert:
+        log::error_text(logs.not_inserted, "");
+        return {-9, gbk::kContactNotInserted, true};
+    case kInitAppLocked:
+        log::error_text(logs.locked, "-7");
+        return {-10, gbk::kCardInitError, true};
+    default:
+        if (logs.other[0] != nullptr) log::error_int(logs.other[0], init_result);
+        if (logs.other[1] != nullptr) log::error_text(logs.other[1], "");
+        return {-10, gbk::kCardInitError, true};
+    }
+}
+
+void write_text(char* out, const std::optional<std::string>& text) {
+    if (out == nullptr || !text) return;
+    std::memcpy(out, text->data(), text->size());
+    out[text->size()] = '\0';
+}
+
+void log_text(const char* format, std::string_view text) {
+    if (text.empty()) {
+        log::debug_text(format, "");
+        return;
+    }
+    log::debug(format, text.data(), static_cast<int>(text.size()));
+}
+
+void log_hex(const char* format, std::string_view bytes) {
+    log::debug(format, bytes.data(), static_cast<int>(bytes.size()));
+}
+
+}  // namespace kolt::emv
