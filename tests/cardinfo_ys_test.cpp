@@ -2,7 +2,6 @@
 // through the simulated reader: IC_GetInfo_YS (on a link the caller opened)
 // and its wrapper IC_GetInfo.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -415,20 +414,8 @@ const char* const kChildExpect = "KOLT_CARDINFO_EXPECT_SWITCH";
 const char* const kChildLogDir = "KOLT_CARDINFO_LOG_DIR";
 
 int run_copy_of_self(const kolt::test::TempDir& dir, const std::string& filter, const std::string& expect) {
-    const std::string copy = (dir.path() / "cardinfo_copy").string();
-    std::filesystem::copy_file("/proc/self/exe", copy);
-    std::filesystem::permissions(copy, std::filesystem::perms::owner_all);
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::setenv(kChildExpect, expect.c_str(), 1);
-        ::setenv(kChildLogDir, (dir.path() / "log").c_str(), 1);
-        const std::string arg = "--gtest_filter=" + filter;
-        ::execl(copy.c_str(), copy.c_str(), arg.c_str(), static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return kolt::test::run_copy_of_self(dir.path() / "cardinfo_copy", filter,
+                                        {{kChildExpect, expect}, {kChildLogDir, (dir.path() / "log").string()}});
 }
 
 // In the copy: IC_GetInfo sets the switch before it opens the port.

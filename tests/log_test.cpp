@@ -1,7 +1,6 @@
 // The trace files: line format of the five conversions, the switch, the
 // debug and error directories, rotation at 10 MiB and the clean-up command.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -34,22 +33,11 @@ std::string month() {
 // below selected and KOLT_LOG_HELPER=mode; returns the exit status and
 // leaves standard output in out.
 int run_helper_copy(const fs::path& exe, const std::string& mode, std::string& out) {
-    fs::create_directories(exe.parent_path());
-    fs::copy_file("/proc/self/exe", exe, fs::copy_options::overwrite_existing);
     const fs::path stdout_file = exe.parent_path().parent_path() / "helper.out";
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        std::FILE* f = std::freopen(stdout_file.c_str(), "w", stdout);
-        if (f == nullptr) ::_exit(100);
-        ::setenv("KOLT_LOG_HELPER", mode.c_str(), 1);
-        ::execl(exe.c_str(), exe.c_str(), "--gtest_filter=LogHelper.Run", "--gtest_brief=1",
-                static_cast<char*>(nullptr));
-        ::_exit(101);
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
+    const int status = kolt::test::run_copy_of_self(exe, "LogHelper.Run", {{"KOLT_LOG_HELPER", mode}},
+                                                    stdout_file.string());
     out = read_file(stdout_file.string());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return status;
 }
 
 }  // namespace

@@ -8,6 +8,9 @@
 #include <sstream>
 #include <stdexcept>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 namespace kolt::test {
 
 TempDir::TempDir() {
@@ -61,6 +64,26 @@ std::string DebugLogCapture::text() const {
     std::string all;
     for (const auto& e : std::filesystem::directory_iterator(dir_.path())) all += read_file(e.path().string());
     return all;
+}
+
+int run_copy_of_self(const std::filesystem::path& copy, const std::string& filter,
+                     const std::vector<std::pair<std::string, std::string>>& env,
+                     const std::string& stdout_file) {
+    std::filesystem::create_directories(copy.parent_path());
+    std::filesystem::copy_file("/proc/self/exe", copy, std::filesystem::copy_options::overwrite_existing);
+    std::filesystem::permissions(copy, std::filesystem::perms::owner_all, std::filesystem::perm_options::add);
+    const std::string filter_arg = "--gtest_filter=" + filter;
+    const pid_t pid = ::fork();
+    if (pid < 0) return -1;
+    if (pid == 0) {
+        if (!stdout_file.empty() && std::freopen(stdout_file.c_str(), "w", stdout) == nullptr) ::_exit(100);
+        for (const auto& [name, value] : env) ::setenv(name.c_str(), value.c_str(), 1);
+        ::execl(copy.c_str(), copy.c_str(), filter_arg.c_str(), "--gtest_brief=1", static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 std::vector<uint8_t> bytes(std::initializer_list<int> values) {

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kolt::test {
@@ -44,6 +45,16 @@ private:
 };
 
 std::string read_file(const std::string& path);
+
+// Runs a copy of the running test program, placed at copy (directories made,
+// an older copy replaced), with only the test named by filter selected and
+// the variables of env set; its standard output goes to stdout_file when one
+// is given. Tests use it for what must happen in a process of its own beside
+// files of its own (the executable's KTLog, a kolt.ini beside the program).
+// Returns the exit status, or -1 when the copy did not exit normally.
+int run_copy_of_self(const std::filesystem::path& copy, const std::string& filter,
+                     const std::vector<std::pair<std::string, std::string>>& env,
+                     const std::string& stdout_file = {});
 
 // The ESC byte, as escape sequences are spelled in the tests.
 inline const std::string kEsc = "\x1b";
