@@ -100,6 +100,11 @@ void clear_working_state() {
     std::memset(gFindedTagList, 0, sizeof gFindedTagList);
 }
 
+void reset_state() {
+    clear_working_state();
+    ssICType = 0;
+}
+
 void init_tag_list_value() {
     for (int index : {kCountry, kCurrency}) {
         if (tagListValue[index][0] == 0) set_slot_text(index, "0156");

@@ -105,6 +105,9 @@ void clear_slot(int index);
 
 // Zeroes all of tagListValue and gFindedTagList.
 void clear_working_state();
+// clear_working_state and the card slot back to contact: the state of a
+// freshly loaded library (for test programs running many cases).
+void reset_state();
 // Gives the slots of 9F1A and 5F2A the value "0156" when they are empty.
 void init_tag_list_value();
 

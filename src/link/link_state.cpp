@@ -16,6 +16,13 @@ LinkState& state() {
     return s;
 }
 
+void reset() {
+    close_fd();
+    state() = LinkState{};
+    reset_term_saved();
+    std::memset(gPortName, 0, sizeof gPortName);
+}
+
 void set_seq(char (&buf)[kSeqSize], std::string_view text) {
     const std::size_t n = std::min(text.size(), kSeqSize - 1);
     std::memcpy(buf, text.data(), n);

@@ -46,6 +46,11 @@ struct LinkState {
 // The one link of the process.
 LinkState& state();
 
+// Back to the state of a freshly loaded library: a descriptor this library
+// opened is closed, every setting and sequence cleared, gPortName emptied.
+// For test programs that run many cases in one process.
+void reset();
+
 // Text held in a sequence buffer (never reads past its end).
 inline std::string_view seq_text(const char (&buf)[kSeqSize]) {
     return std::string_view(buf, strnlen(buf, kSeqSize));
@@ -63,6 +68,9 @@ std::string_view port_name();
 // Closes the link descriptor when this library opened it (fd keeps its
 // value); a descriptor it did not open is left alone.
 void close_fd();
+
+// Forgets terminal settings saved by set_term (port.cpp).
+void reset_term_saved();
 
 // Makes fd the link descriptor (owned: opened by this library); a
 // descriptor opened earlier that is not fd any more is closed.

@@ -93,6 +93,8 @@ bool open_local(std::string_view port_text) {
 
 }  // namespace
 
+void reset_term_saved() { g_term_saved = false; }
+
 int do_term_type(int term_type) {
     switch (term_type) {
     case 1:

@@ -59,6 +59,11 @@ int read_int(const void* data) {
 
 }  // namespace
 
+void reset() {
+    g_write_debug_log = 0;
+    g_log_path.clear();
+}
+
 int switch_value() { return g_write_debug_log; }
 void set_switch(int value) { g_write_debug_log = value; }
 

@@ -16,6 +16,10 @@
 
 namespace kolt::log {
 
+// Back to the state of a freshly loaded library: switch off, no debug
+// directory. For test programs that run many cases in one process.
+void reset();
+
 // The log switch (g_nWriteDebugLog), 0 = off.
 int switch_value();
 void set_switch(int value);
