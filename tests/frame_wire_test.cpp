@@ -14,6 +14,7 @@
 #include "common/pty_util.hpp"
 #include "common/test_util.hpp"
 #include "kolt/kolt.h"
+#include "device/command.hpp"
 #include "link/frame.hpp"
 #include "link/link_state.hpp"
 
@@ -93,9 +94,9 @@ std::string bracket(uint8_t cmd, const Bytes& data, int check_delta = 0) {
 
 TEST(FrameMain, LogicalFrameAndWireForm) {
     const Bytes data = {0x02, 0x01, 0x01};
-    const Bytes logical = kolt::link::main_frame(0x31, 0x13, data);
+    const Bytes logical = kolt::link::codec::main_frame(0x31, 0x13, data);
     EXPECT_EQ(to_hex(logical), "0200053113020101" "2003");
-    const Bytes wire = kolt::link::nibble_wire(logical);
+    const Bytes wire = kolt::link::codec::nibble_wire(logical);
     EXPECT_EQ(text(wire), std::string("\x02") + "0005311302010120" + "\x03");
     // 2 * (data + 5) + 2 bytes on the wire.
     EXPECT_EQ(wire.size(), 2u * (data.size() + 5) + 2);
@@ -234,7 +235,7 @@ TEST(FrameSpecial, LengthCountsBodyCharactersNotPairs) {
     body[0] = body[1] = 0;
     Reader reader(pty, ends_with('\x03'), special_reply(body));
     Bytes small(1000, 0xEE);
-    EXPECT_EQ(kolt::link::transact_t41(0x35, 0x82, {}, small, 1), Lenth_Error);
+    EXPECT_EQ(kolt::device::command(0x35, 0x82, {}, small, 1), Lenth_Error);
     for (uint8_t b : small) ASSERT_EQ(b, 0xEE);
 }
 
@@ -256,7 +257,7 @@ TEST(FrameSpecial, Unbase64RewritesLengthAndTail) {
 
 TEST(FrameSpecial, Unbase64IntoATooSmallSpanIsRefused) {
     Bytes reply = {0x02, 0x00, 0x40, 'Q', 'U', 'J', 'D'};
-    EXPECT_EQ(kolt::link::t41_unbase64(reply), Lenth_Error);
+    EXPECT_EQ(kolt::link::codec::unbase64_reply(reply), Lenth_Error);
 }
 
 // ---------------------------------------------------------------------------

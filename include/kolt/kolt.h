@@ -244,7 +244,7 @@ KOLT_API int32_t KOLT_writeBufAndRead(int32_t fd, uint8_t cmd, const uint8_t *da
 KOLT_API int32_t KOLT_sendCmd100s(uint8_t cmd);                                     /* sends an 0x86 frame; the count of characters written */
 KOLT_API int32_t KOLT_writeBufAndReadFrom100s(uint8_t cmd, int32_t unused1, int32_t unused2, uint8_t *out, int32_t timeoutSec); /* 0x86 frame; decoded length, -1, -2 */
 KOLT_API int32_t KOLT_getDeviceType(void);                                          /* 1 the 0x86 family answers, 0 the bracket family, -1 none */
-KOLT_API int32_t KOLT_T41_Unbase64(uint8_t *reply);                                 /* decodes a special reply's base64 body in place; n + 5 */
+KOLT_API int32_t KOLT_T41_Unbase64(uint8_t *reply);                                 /* decodes a special reply's base64 body in place (reply room KOLT_T41_REPLY_MAX); n + 5, -1 length past the room */
 /* ---- KOLT-LINK-END ---- */
 
 /* ---- KOLT-DEVICE-BEGIN (peripheral and identity-module commands) ---- */

@@ -7,13 +7,16 @@
 #include <string>
 #include <vector>
 
-#include "emv/tags.hpp"
+#include "device/command.hpp"
 #include "kolt/kolt.h"
 #include "link/frame.hpp"
 #include "support/hex.hpp"
 #include "support/log.hpp"
+#include "support/tlv.hpp"
 
 namespace kolt::device {
+
+int32_t ssICType = 0;
 
 namespace {
 
@@ -25,7 +28,7 @@ int as_timeout(uint32_t seconds) { return seconds > INT_MAX ? INT_MAX : static_c
 
 // One device command of class 0x32; the decoded reply frame lands in frame.
 int transact(uint8_t code, std::span<const uint8_t> data, std::array<uint8_t, kFrameRoom>& frame, uint32_t timeout) {
-    return link::transact_t41(kIccClass, code, data, frame, as_timeout(timeout));
+    return command(kIccClass, code, data, frame, as_timeout(timeout));
 }
 
 // Whether a reply frame of n bytes is long enough to hold the status pair.
@@ -264,7 +267,7 @@ uint32_t exec_multi_script(uint32_t slot, std::span<const uint8_t> script, int32
 
     const uint8_t tag86[] = {0x86};
     auto next_command = [&](std::size_t pos) -> std::span<const uint8_t> {
-        const auto found = emv::search_tag(std::span<const uint8_t>(copy).subspan(pos), tag86, 0, -1);
+        const auto found = tlv::search(std::span<const uint8_t>(copy).subspan(pos), tag86, 0, -1);
         return found.found ? found.value : std::span<const uint8_t>{};
     };
 
@@ -300,7 +303,7 @@ uint32_t get_data(uint32_t slot, std::span<const uint8_t, 2> tag, std::span<uint
 
     // The tag is matched as text: its bytes up to the first zero.
     const std::size_t tag_len = tag[0] == 0 ? 0 : (tag[1] == 0 ? 1 : 2);
-    const auto found = emv::search_tag(reply.data(), tag.first(tag_len), 0, -1);
+    const auto found = tlv::search(reply.data(), tag.first(tag_len), 0, -1);
     const std::span<const uint8_t> value = found.found ? found.value : std::span<const uint8_t>{};
 
     std::fill(out.begin(), out.end(), 0);
@@ -332,7 +335,7 @@ int32_t psam_operate(int32_t term_type, const char* tty_name, int32_t port, cons
     get_state();  // the reader's state is not consulted
     // Power-on takes only the card slots 0x00, 0x01, 0x02 and 0xFF: a PSAM
     // holder number (0x11..0x14) fails here, and the call reports -1.
-    if (power_on(slot, 6, &emv::ssICType) != OK) {
+    if (power_on(slot, 6, &ssICType) != OK) {
         KOLT_freeCom(term_type, port, transfer);
         return -1;
     }

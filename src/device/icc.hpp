@@ -49,6 +49,10 @@ struct CardReply {
     std::span<uint8_t> room() { return bytes; }
 };
 
+// Card slot of the current card: 0x00 contact, 0xFF contactless. Written by
+// power-on (the slot that answered), read by the card flows.
+extern int32_t ssICType;
+
 // A card result in the trace under format (one "%x"), as four hex digits.
 void log_sw(const char* format, uint32_t sw);
 

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "kolt/kolt.h"
+#include "device/command.hpp"
 #include "link/frame.hpp"
 #include "support/log.hpp"
 
@@ -21,7 +22,7 @@ bool status_ok(std::span<const uint8_t> reply) { return reply[3] == 0x00 && repl
 // One command whose reply is judged by its status pair: 0, -2, -1.
 int status_command(uint8_t cls, uint8_t code, std::span<const uint8_t> data, int timeout_s) {
     Reply reply{};
-    const int n = link::transact_t41(cls, code, data, reply, timeout_s);
+    const int n = command(cls, code, data, reply, timeout_s);
     if (n < 0) return -1;
     return status_ok(reply) ? 0 : -2;
 }
@@ -29,11 +30,11 @@ int status_command(uint8_t cls, uint8_t code, std::span<const uint8_t> data, int
 // One command whose reply only has to arrive: 0, -1.
 int arrival_command(uint8_t cls, uint8_t code, std::span<const uint8_t> data, int timeout_s) {
     Reply reply{};
-    return link::transact_t41(cls, code, data, reply, timeout_s) < 0 ? -1 : 0;
+    return command(cls, code, data, reply, timeout_s) < 0 ? -1 : 0;
 }
 
 int read_card(std::span<uint8_t> reply, int timeout_s) {
-    const int n = link::transact_t41(0x35, 0x82, {}, reply, timeout_s);
+    const int n = command(cmd::kClassId, cmd::kIdRead, {}, reply, timeout_s);
     if (n < 0) return -1;
     return status_ok(reply) ? n : -2;
 }
@@ -55,25 +56,25 @@ int sigle_operate(uint8_t cls, uint8_t code) {
 // own single entry line.
 int open_rf() {
     log::debug_text("KOLT_T41_OpenRF............%s", "");
-    return status_command(0x38, 0x97, {}, 3);
+    return status_command(cmd::kClassRf, cmd::kRfOn, {}, 3);
 }
 
 int close_rf() {
     log::debug_text("KOLT_T41_CloseRF............%s", "");
-    return status_command(0x38, 0x98, {}, 3);
+    return status_command(cmd::kClassRf, cmd::kRfOff, {}, 3);
 }
 
 int buzz() {
     log::debug_text("KOLT_T41_Buzz............%s", "");
     static constexpr uint8_t data[] = {0x02, 0x01, 0x01};
-    return arrival_command(0x31, 0x13, data, 6);
+    return arrival_command(cmd::kClassSystem, cmd::kBuzz, data, 6);
 }
 
 int led_operate(uint32_t led, uint32_t color, uint32_t mode) {
     log::debug_text("KOLT_T41_LedOperate............%s", "");
     const uint8_t data[] = {static_cast<uint8_t>(led), static_cast<uint8_t>(color), static_cast<uint8_t>(mode),
                             0x01, 0x01, 0x00};
-    return arrival_command(0x31, 0x14, data, 6);
+    return arrival_command(cmd::kClassSystem, cmd::kLed, data, 6);
 }
 
 int id_led_flicker() {
@@ -95,12 +96,12 @@ int id_led_light_out() {
 int id_find_card() {
     log::debug_text("KOLT_T41_Id_FindCard............%s", "");
     static constexpr uint8_t data[] = {0x00, 0x00};
-    return status_command(0x35, 0x80, data, 2);
+    return status_command(cmd::kClassId, cmd::kIdFind, data, 2);
 }
 
 int id_select_card() {
     log::debug_text("KOLT_T41_Id_SelectCard............%s", "");
-    return status_command(0x35, 0x81, {}, 1);
+    return status_command(cmd::kClassId, cmd::kIdSelect, {}, 1);
 }
 
 int id_read_card(std::span<uint8_t> reply) {
@@ -117,7 +118,7 @@ int get_version(uint8_t selector, std::span<uint8_t> out, int timeout_s) {
     log::debug_text("KOLT_T41_GetVersion............%s", "");
     Reply reply{};
     const uint8_t data[] = {selector};
-    const int n = link::transact_t41(0x31, 0x11, data, reply, timeout_s);
+    const int n = command(cmd::kClassSystem, cmd::kVersion, data, reply, timeout_s);
     if (n < 0) return -1;
     if (!status_ok(reply)) return -2;
     // The frame less 02, length, status, check and 03.
@@ -140,7 +141,7 @@ int get_saimid_str(std::string& out, int timeout_s) {
     log::debug_text("KOLT_T41_GetSAIMIDStr............%s", "");
     Reply reply{};
     static constexpr uint8_t data[] = {0x00};
-    const int n = link::transact_t41(0x35, 0x87, data, reply, timeout_s);
+    const int n = command(cmd::kClassId, cmd::kIdSamId, data, reply, timeout_s);
     if (n < 0) return -1;
     if (!status_ok(reply)) return -2;
     // 16 data bytes between the status pair and the check byte.

@@ -9,6 +9,7 @@
 #include "emv/tags.hpp"
 #include "kolt/kolt.h"
 #include "support/hex.hpp"
+#include "support/tlv.hpp"
 
 namespace kolt::emv {
 
@@ -35,7 +36,7 @@ int build_dol(std::span<const uint8_t> dol, std::span<const uint8_t, 4> random, 
     std::size_t len = 0;  // bytes counted so far: where the next entry goes
     std::size_t pos = 0;
     while (pos < dol.size()) {
-        const std::size_t tag_len = (dol[pos] & 0x1F) == 0x1F ? 2 : 1;
+        const std::size_t tag_len = tlv::tag_size(dol[pos]);
         if (pos + tag_len >= dol.size()) break;  // no room left for the length byte
         const auto tag = dol.subspan(pos, tag_len);
         std::size_t counted = dol[pos + tag_len];

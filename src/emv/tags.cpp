@@ -23,7 +23,6 @@ const uint64_t apduTagList[kTagCount] = {
 
 uint8_t tagListValue[kTagCount][kSlotSize] = {};
 char gFindedTagList[kFoundSize] = {};
-int32_t ssICType = 0;
 
 const char ContactStandardPDOL[] = "9F7A019F02065F2A02";
 const char TAG_Issuer_Discretionary_Data[] = "BF0C";
@@ -147,15 +146,6 @@ bool all_found(std::string_view letters) {
 
 namespace {
 
-// The items that tile src (the codec's strict rule: 1 strict, any other
-// value keeps the items before a bad one); empty when none.
-std::vector<tlv_t> decode_items(std::span<const uint8_t> src, int strict) {
-    if (src.empty()) return {};
-    auto items = tlv::unpack(src, strict == 1);
-    if (!items) return {};
-    return std::move(*items);
-}
-
 using tlv::tag_of;
 using tlv::value_of;
 
@@ -193,96 +183,19 @@ void store_item(const tlv_t& item) {
     }
 }
 
-bool same_tag(const tlv_t& item, std::span<const uint8_t> tag) {
-    return item.tag.size == tag.size() && std::memcmp(item.tag.data, tag.data(), tag.size()) == 0;
-}
-
-// What a walk does after visiting an item.
-enum class Step {
-    Descend,   // on into the item's value, then the item's next sibling
-    Next,      // on with the item's next sibling
-    EndLevel,  // on with the next sibling of the item's parent
-    Stop,      // the walk ends
-};
-
-// Depth-first through the items of `top` and, as visit(item, depth)
-// decides, the items inside their values (decoded with nested_strict), in
-// source order. An explicit stack keeps arbitrarily deep nesting off the
-// call stack.
-template <class Visit>
-void walk_items(std::vector<tlv_t> top, int nested_strict, Visit&& visit) {
-    struct Level {
-        std::vector<tlv_t> items;
-        std::size_t next = 0;
-    };
-    std::vector<Level> stack;
-    if (!top.empty()) stack.push_back(Level{std::move(top)});
-    while (!stack.empty()) {
-        Level& level = stack.back();
-        if (level.next >= level.items.size()) {
-            stack.pop_back();
-            continue;
-        }
-        const tlv_t item = level.items[level.next++];
-        switch (visit(item, stack.size() - 1)) {
-        case Step::Descend: {
-            auto nested = decode_items(value_of(item), nested_strict);
-            if (!nested.empty()) stack.push_back(Level{std::move(nested)});
-            break;
-        }
-        case Step::Next: break;
-        case Step::EndLevel: stack.pop_back(); break;
-        case Step::Stop: return;
-        }
-    }
-}
-
 }  // namespace
 
 void parse_tag_value(std::span<const uint8_t> reply, int strict) {
     // Every item at any depth; nested values are always decoded strictly.
-    walk_items(decode_items(reply, strict), 1, [](const tlv_t& item, std::size_t) {
+    tlv::walk(reply, strict, 1, [](const tlv_t& item, std::size_t) {
         store_item(item);
-        return Step::Descend;
+        return tlv::Step::Descend;
     });
 }
 
-TagSearch search_tag(std::span<const uint8_t> reply, std::span<const uint8_t> tag, int strict,
-                     int32_t length_in) {
-    TagSearch r;
-    r.length = length_in;
-    if (length_in >= 1) {
-        r.result = -1;  // a value was already found
-        return r;
-    }
-    auto top = decode_items(reply, strict);
-    if (top.empty()) {
-        r.result = -2;
-        return r;
-    }
-    r.result = 0;  // unless a top-level item matches; the length tells about nested ones
-    walk_items(std::move(top), strict, [&](const tlv_t& item, std::size_t depth) {
-        if (!tag.empty() && same_tag(item, tag)) {
-            r.found = true;
-            r.value = value_of(item);
-            r.length = static_cast<int32_t>(item.val.size);
-            if (depth == 0) {
-                r.result = r.length;  // a match among the top-level items
-                return Step::Stop;
-            }
-            return Step::EndLevel;  // that level's search ends with its match
-        }
-        // A nested search started with a value already found stops at once.
-        return r.length >= 1 ? Step::Next : Step::Descend;
-    });
-    return r;
-}
-
-std::optional<std::span<const uint8_t>> find_tag(std::span<const uint8_t> reply,
-                                                 std::span<const uint8_t> tag, int strict) {
-    const TagSearch r = search_tag(reply, tag, strict, -1);
-    if (!r.found) return std::nullopt;
-    return r.value;
+std::optional<std::span<const uint8_t>> find_tag(std::span<const uint8_t> reply, std::span<const uint8_t> tag,
+                                                 int strict) {
+    return tlv::find_nested(reply, tag, strict);
 }
 
 int split_track2() {
@@ -323,7 +236,7 @@ std::string format_log_record(std::span<const uint8_t> record) {
 
 int32_t write_short_tlv(const uint8_t* tag, std::span<const uint8_t> value, std::span<uint8_t> out) {
     if (tag == nullptr || value.size() > 255) return -1;
-    const std::size_t tag_len = (tag[0] & 0x1F) == 0x1F ? 2 : 1;
+    const std::size_t tag_len = kolt::tlv::tag_size(tag[0]);
     const std::size_t total = tag_len + 1 + value.size();
     if (total > out.size()) return -1;
     std::memcpy(out.data(), tag, tag_len);
@@ -371,7 +284,7 @@ KOLT_API int32_t KOLT_T41_GetTagValue(const uint8_t* reply, int32_t len, const c
     if (*outLen >= 1) return -1;
     if (reply == nullptr || len <= 0 || tag == nullptr || out == nullptr) return -2;
     const std::span<const uint8_t> tag_bytes(reinterpret_cast<const uint8_t*>(tag), std::strlen(tag));
-    const TagSearch r = search_tag(std::span<const uint8_t>(reply, len), tag_bytes, strict, *outLen);
+    const kolt::tlv::TagSearch r = kolt::tlv::search(std::span<const uint8_t>(reply, len), tag_bytes, strict, *outLen);
     if (r.found) {
         // The caller's buffer holds 256 bytes: a longer value is cut there.
         const std::size_t n = std::min<std::size_t>(r.value.size(), kSlotSize);
@@ -392,7 +305,7 @@ KOLT_API int32_t KOLT_T41_ParseOneRecord(const uint8_t* record, char* out) {
 
 KOLT_API int32_t KOLT_SetTLV(const uint8_t* tag, int32_t len, const uint8_t* value, uint8_t* out) {
     if (tag == nullptr || out == nullptr || len < 0 || len > 255 || (len > 0 && value == nullptr)) return -1;
-    const std::size_t room = ((tag[0] & 0x1F) == 0x1F ? 2 : 1) + 1 + static_cast<std::size_t>(len);
+    const std::size_t room = kolt::tlv::tag_size(tag[0]) + 1 + static_cast<std::size_t>(len);
     return write_short_tlv(tag, std::span<const uint8_t>(value, static_cast<std::size_t>(len)),
                            std::span<uint8_t>(out, room));
 }

@@ -14,6 +14,8 @@
 #include <string>
 #include <string_view>
 
+#include "device/icc.hpp"
+
 namespace kolt::emv {
 
 inline constexpr int kTagCount = 30;        // letters in tagList
@@ -34,9 +36,8 @@ extern const uint64_t apduTagList[kTagCount];
 extern uint8_t tagListValue[kTagCount][kSlotSize];
 // Letters found in card replies, in order, repeats allowed.
 extern char gFindedTagList[kFoundSize];
-// Card slot of the current card: 0x00 contact, 0xFF contactless (written
-// by power-on).
-extern int32_t ssICType;
+// Card slot of the current card (device state, read by the card flows).
+using device::ssICType;
 
 // PDOL sent for a contact card whose application is reported locked: the
 // bytes of this text's tag list, unfilled.
@@ -126,19 +127,6 @@ bool all_found(std::string_view letters);
 // letter; then does the same inside every item's value (strict), at any
 // depth. A later occurrence overwrites an earlier one. Bad TLV yields nothing.
 void parse_tag_value(std::span<const uint8_t> reply, int strict);
-
-// Search of one tag with the conventions of KOLT_T41_GetTagValue:
-// length_in >= 1 gives result -1 at once; an undecodable buffer -2; a match
-// among the top-level items returns its value length; otherwise 0, even when
-// a nested item matched (length then tells). value points into reply.
-struct TagSearch {
-    int32_t result = 0;
-    int32_t length = -1;                 // length_in while nothing was found
-    bool found = false;
-    std::span<const uint8_t> value;      // valid when found
-};
-TagSearch search_tag(std::span<const uint8_t> reply, std::span<const uint8_t> tag, int strict,
-                     int32_t length_in = -1);
 
 // Convenience: the value of the tag found as above (nested search), or
 // nullopt when absent.

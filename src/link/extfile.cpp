@@ -11,25 +11,19 @@
 #include "kolt/kolt.h"
 #include "support/file.hpp"
 #include "support/hex.hpp"
+#include "support/keyvalue.hpp"
 #include "support/log.hpp"
 
 namespace kolt::link {
 namespace {
 
-// Terminal-file lines are read in pieces of up to 1023 characters, key=value
-// files in pieces of up to 1022 (a longer line continues as the next piece).
-constexpr size_t kExtLineMax = 1023;
-constexpr size_t kValueFileLineMax = 1022;
+using config::first_char;
+using config::read_piece;
+using config::value_from_line;
 
-bool read_piece(std::FILE* fp, size_t max_chars, std::string& line) {
-    line.clear();
-    int c;
-    while (line.size() < max_chars && (c = std::fgetc(fp)) != EOF) {
-        line += static_cast<char>(c);
-        if (c == '\n') break;
-    }
-    return !line.empty();
-}
+// Terminal-file lines are read in pieces of up to 1023 characters (a longer
+// line continues as the next piece).
+constexpr size_t kExtLineMax = 1023;
 
 bool contains(const std::string& text, std::string_view what) { return text.find(what) != std::string::npos; }
 
@@ -78,21 +72,6 @@ std::string capped(std::string bytes) {
     return bytes;
 }
 
-// One pass of printf with no arguments: "%%" gives "%". Any other directive
-// would read an argument that is not there; it is copied as it stands.
-std::string format_no_args(std::string_view text) {
-    std::string out;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '%' && i + 1 < text.size() && text[i + 1] == '%') {
-            out += '%';
-            ++i;
-        } else {
-            out += text[i];
-        }
-    }
-    return out;
-}
-
 std::span<const uint8_t> as_bytes(const std::string& s) {
     return {reinterpret_cast<const uint8_t*>(s.data()), s.size()};
 }
@@ -118,36 +97,6 @@ std::string extfile_path() {
     const char* home = std::getenv("DCCHOME");
     if (home == nullptr || std::strstr(home, "(null)") != nullptr) return "/dcc/lxbs/font/idcread.ext";
     return std::string(home) + "/lxbs/font/idcread.ext";
-}
-
-char first_char(std::string_view text) {
-    for (const char c : text) {
-        if (c == 0) break;
-        if (c != ' ' && c != '\t') return c;
-    }
-    return 0;
-}
-
-bool value_from_line(std::string& line, std::string_view key, std::string& value) {
-    std::erase(line, '\t');
-    if (!line.empty() && line.back() == '\n') line.pop_back();
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    const std::string entry = std::string(key) + "=";
-    const auto pos = line.find(entry);
-    if (pos == std::string::npos) return false;
-    value = format_no_args(std::string_view(line).substr(pos + entry.size()));
-    return true;
-}
-
-int value_from_file(const std::string& path, std::string_view key, std::string& value) {
-    const support::File fp = support::open_file(path.c_str(), "r");
-    if (!fp) return -1;
-    const std::string entry = std::string(key) + "=";
-    std::string line;
-    while (read_piece(fp.get(), kValueFileLineMax, line)) {
-        if (contains(line, entry)) return value_from_line(line, key, value) ? 0 : -2;
-    }
-    return -2;
 }
 
 std::string hex_value(std::string_view value) {
@@ -280,7 +229,7 @@ KOLT_API int32_t KOLT_getValueFromStr(char* line, const char* key, char* out) {
     if (line == nullptr || key == nullptr) return -1;
     std::string text(line);
     std::string value;
-    const bool found = kl::value_from_line(text, key, value);
+    const bool found = kolt::config::value_from_line(text, key, value);
     // The line is edited in place (tabs and line end removed); it only
     // gets shorter.
     std::memcpy(line, text.c_str(), text.size() + 1);
@@ -292,14 +241,14 @@ KOLT_API int32_t KOLT_getValueFromStr(char* line, const char* key, char* out) {
 KOLT_API int32_t KOLT_getValueFromFile(const char* path, const char* key, char* out) {
     if (path == nullptr || key == nullptr) return -1;
     std::string value;
-    const int rc = kl::value_from_file(path, key, value);
+    const int rc = kolt::config::value_from_file(path, key, value);
     if (rc == 0) kl::copy_out(out, value);
     return rc;
 }
 
 KOLT_API int32_t getStrFirstChar(const char* text) {
     if (text == nullptr) return 0;
-    return static_cast<unsigned char>(kl::first_char(text));
+    return static_cast<unsigned char>(kolt::config::first_char(text));
 }
 
 KOLT_API int32_t convertStr2Bytebuf(const char* value, char* out) {

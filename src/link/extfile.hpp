@@ -1,5 +1,4 @@
-// The teller terminal's command file "idcread.ext" and the generic
-// key=value line reader. Terminal types 50 and above take their auxiliary
+// The teller terminal's command file "idcread.ext". Terminal types 50 and above take their auxiliary
 // port escape sequences from this file.
 #pragma once
 
@@ -38,19 +37,6 @@ int read_term_commands(const std::string& path, std::string_view type_text, std:
 int read_transfer_command(const std::string& path, std::string_view type_text, std::string_view letter,
                           std::string& out);
 
-// The entry rule: tabs anywhere are removed from line, then a trailing line
-// feed and a trailing carriage return; the value is what follows key + "="
-// (found anywhere in the line), passed once through no-argument printf
-// formatting ("%%" becomes "%"; any other "%" stays as it is). False when
-// key + "=" does not occur.
-bool value_from_line(std::string& line, std::string_view key, std::string& value);
-
-// The first line (read in pieces of up to 1022 characters) of a key=value
-// file that contains key + "=". 0 with the value, -2 when no line has it,
-// -1 when the file cannot be opened. No sections, no comments: a commented
-// line that holds the key is taken.
-int value_from_file(const std::string& path, std::string_view key, std::string& value);
-
 // Terminal-section value to bytes: shorter than 2 characters gives nothing;
 // starting with "1B" it is hex text (two digits a byte); otherwise text in
 // which each "\033" (backslash, 0, 3, 3) becomes the ESC byte 0x1B.
@@ -58,8 +44,5 @@ std::string convert_value(std::string_view value);
 
 // Hex text to bytes, the pass-through value encoding.
 std::string hex_value(std::string_view value);
-
-// The first character that is neither a blank nor a tab, or 0.
-char first_char(std::string_view text);
 
 }  // namespace kolt::link

@@ -15,9 +15,9 @@
 #include <string_view>
 
 #include "kolt/kolt.h"
-#include "link/extfile.hpp"
 #include "support/config.hpp"
 #include "support/file.hpp"
+#include "support/keyvalue.hpp"
 
 namespace kolt::log {
 namespace {
@@ -248,7 +248,7 @@ KOLT_API int32_t DeleteLogFilesOneMonthAgo(void) {
 KOLT_API int32_t KOLT_InitLogDir(char* out) {
     if (out == nullptr) return 0;
     std::string dir;
-    if (kolt::link::value_from_file(kolt::config::home_config_path(), "logdir", dir) != 0) dir = "/tmp";
+    if (kolt::config::value_from_file(kolt::config::home_config_path(), "logdir", dir) != 0) dir = "/tmp";
     dir.resize(std::min<size_t>(dir.size(), 255));
     std::memcpy(out, dir.c_str(), dir.size() + 1);
     return 0;

@@ -29,6 +29,10 @@ uint32_t length_value(const uint8_t* p) {
     }
 }
 
+bool same_tag(const tlv_t& item, std::span<const uint8_t> tag) {
+    return item.tag.size == tag.size() && std::memcmp(item.tag.data, tag.data(), tag.size()) == 0;
+}
+
 struct Freer {
     void operator()(tlv_t* p) const { std::free(p); }
 };
@@ -72,7 +76,7 @@ Found find(std::span<const uint8_t> src, std::span<const uint8_t> tag) {
             found.code = -1;
             return found;
         }
-        if (item.tag.size == tag.size() && std::memcmp(item.tag.data, tag.data(), tag.size()) == 0) {
+        if (same_tag(item, tag)) {
             found.code = static_cast<int>(item.val.size);
             found.value = value_of(item);
             return found;
@@ -92,6 +96,50 @@ std::optional<std::vector<uint8_t>> pack(std::span<const uint8_t> tag, std::span
     if (n < 0) return std::nullopt;
     out.resize(static_cast<size_t>(n));
     return out;
+}
+
+std::vector<tlv_t> items(std::span<const uint8_t> src, int strict) {
+    if (src.empty()) return {};
+    auto list = unpack(src, strict == 1);
+    if (!list) return {};
+    return std::move(*list);
+}
+
+TagSearch search(std::span<const uint8_t> src, std::span<const uint8_t> tag, int strict, int32_t length_in) {
+    TagSearch r;
+    r.length = length_in;
+    if (length_in >= 1) {
+        r.result = -1;  // a value was already found
+        return r;
+    }
+    auto top = items(src, strict);
+    if (top.empty()) {
+        r.result = -2;
+        return r;
+    }
+    r.result = 0;  // unless a top-level item matches; the length tells about nested ones
+    walk_items(std::move(top), strict, [&](const tlv_t& item, std::size_t depth) {
+        if (!tag.empty() && same_tag(item, tag)) {
+            r.found = true;
+            r.value = value_of(item);
+            r.length = static_cast<int32_t>(item.val.size);
+            if (depth == 0) {
+                r.result = r.length;  // a match among the top-level items
+                return Step::Stop;
+            }
+            return Step::EndLevel;  // that level's search ends with its match
+        }
+        // A nested search started with a value already found stops at once.
+        return r.length >= 1 ? Step::Next : Step::Descend;
+    });
+    return r;
+}
+
+std::optional<std::span<const uint8_t>> find_nested(std::span<const uint8_t> src, std::span<const uint8_t> tag,
+                                                    int strict) {
+    const TagSearch r = search(src, tag, strict, -1);
+    if (!r.found) return std::nullopt;
+    return r.value;
 }
 
 namespace detail {
@@ -136,9 +184,7 @@ KOLT_API void KOLT_TLV_debugWriteLog(const char* format, const void* data, int32
 KOLT_API int32_t parse_tlv_tag(tlv_t* item, const uint8_t* src) {
     if (item == nullptr || src == nullptr) return -1;
     item->tag.data = src;
-    // Low five bits all set: a two-byte tag. The second byte is not
-    // examined, so a three-byte tag reads as two bytes and garbage.
-    item->tag.size = (src[0] & 0x1F) == 0x1F ? 2u : 1u;
+    item->tag.size = static_cast<uint32_t>(kolt::tlv::tag_size(src[0]));
     return 0;
 }
 
@@ -227,8 +273,7 @@ KOLT_API int32_t pack_tlv_data(uint8_t* out, const char* tag, const uint8_t* val
     if (out == nullptr || tag == nullptr) return -1;
     const size_t t = std::strlen(tag);
     if (t != 1 && t != 2) return -1;
-    const bool two = (static_cast<uint8_t>(tag[0]) & 0x1F) == 0x1F;
-    if (two != (t == 2)) return -1;
+    if (kolt::tlv::tag_size(static_cast<uint8_t>(tag[0])) != t) return -1;
     uint8_t len_bytes[4];
     size_t k = 0;
     if (length < 128) {

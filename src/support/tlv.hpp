@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "kolt/kolt.h"
@@ -35,6 +36,77 @@ inline std::span<const uint8_t> value_of(const tlv_t& item) {
     if (item.val.data == nullptr) return {};
     return {item.val.data, item.val.size};
 }
+
+// Tag bytes of an item whose first tag byte is b: two when its low five bits
+// are all set, else one. The second byte is not examined, so a three-byte
+// tag reads as two bytes and garbage.
+constexpr std::size_t tag_size(uint8_t b) { return (b & 0x1F) == 0x1F ? 2u : 1u; }
+
+// The items that tile src: strict 1 refuses the whole source on a bad
+// item, any other value keeps the items before it. Empty when none.
+std::vector<tlv_t> items(std::span<const uint8_t> src, int strict);
+
+// What a walk does after visiting an item.
+enum class Step {
+    Descend,   // on into the item's value, then the item's next sibling
+    Next,      // on with the item's next sibling
+    EndLevel,  // on with the next sibling of the item's parent
+    Stop,      // the walk ends
+};
+
+// Depth-first through the items of `top` and, as visit(item, depth)
+// decides, the items inside their values (decoded with nested_strict), in
+// source order. An explicit stack keeps arbitrarily deep nesting off the
+// call stack.
+template <class Visit>
+void walk_items(std::vector<tlv_t> top, int nested_strict, Visit&& visit) {
+    struct Level {
+        std::vector<tlv_t> items;
+        std::size_t next = 0;
+    };
+    std::vector<Level> stack;
+    if (!top.empty()) stack.push_back(Level{std::move(top)});
+    while (!stack.empty()) {
+        Level& level = stack.back();
+        if (level.next >= level.items.size()) {
+            stack.pop_back();
+            continue;
+        }
+        const tlv_t item = level.items[level.next++];
+        switch (visit(item, stack.size() - 1)) {
+        case Step::Descend: {
+            auto nested = items(value_of(item), nested_strict);
+            if (!nested.empty()) stack.push_back(Level{std::move(nested)});
+            break;
+        }
+        case Step::Next: break;
+        case Step::EndLevel: stack.pop_back(); break;
+        case Step::Stop: return;
+        }
+    }
+}
+
+// walk_items over the items of src (decoded with top_strict).
+template <class Visit>
+void walk(std::span<const uint8_t> src, int top_strict, int nested_strict, Visit&& visit) {
+    walk_items(items(src, top_strict), nested_strict, std::forward<Visit>(visit));
+}
+
+// Nested search of one tag: length_in >= 1 gives result -1 at once (a value
+// was already found); an undecodable source -2; a match among the top-level
+// items returns its value length; otherwise 0, even when a nested item
+// matched (length then tells). value points into src.
+struct TagSearch {
+    int32_t result = 0;
+    int32_t length = -1;                 // length_in while nothing was found
+    bool found = false;
+    std::span<const uint8_t> value;      // valid when found
+};
+TagSearch search(std::span<const uint8_t> src, std::span<const uint8_t> tag, int strict, int32_t length_in = -1);
+
+// The value of the tag found as search does (at any depth), or nullopt.
+std::optional<std::span<const uint8_t>> find_nested(std::span<const uint8_t> src, std::span<const uint8_t> tag,
+                                                    int strict = 0);
 
 // Value of the first top-level item with the given tag bytes; -2 when the
 // source ends without one, -1 on a malformed item (parse_tlv_data_t).
