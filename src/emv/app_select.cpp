@@ -196,9 +196,17 @@ std::vector<std::vector<uint8_t>> parse_candidates(std::span<const uint8_t> list
 
 std::span<const uint8_t> candidate_list_bytes(const uint8_t* list) {
     if (list == nullptr) return {};
+    // The count and lengths are followed only within the room of a list:
+    // a list claiming more stops there, and parse_candidates keeps the
+    // candidates that are complete.
     std::size_t size = 1;
-    for (int i = 0; i < list[0]; ++i) size += 1u + list[size];
-    return {list, size};
+    for (int i = 0; i < list[0] && size < kCandidateListMax; ++i) size += 1u + list[size];
+    return {list, std::min(size, kCandidateListMax)};
+}
+
+std::span<const uint8_t> candidate_list_text(const char* list) {
+    if (list == nullptr) return {};
+    return {reinterpret_cast<const uint8_t*>(list), ::strnlen(list, kCandidateListMax)};
 }
 
 int AppInit::afl_entries() const {

@@ -199,7 +199,7 @@ std::string sys_date() {
 // ---------------------------------------------------------------------------
 // ICRT core.
 
-Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, const uint8_t* aid_list,
+Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, std::span<const uint8_t> aid_list,
                           std::string_view letters) {
     int32_t flag = 0;
     ssICType = do_ic_type(ic_type, &flag);
@@ -252,8 +252,7 @@ Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, cons
 
 Outcome star_get_info(std::string_view input) {
     const StarInput in = read_star_input(input, "STAR_GetInfo", "tagList");
-    static const uint8_t kNoCandidates[1] = {0};
-    Outcome r = icrt_get_icc_info(1, in.port, 1, kNoCandidates, in.field4);
+    Outcome r = icrt_get_icc_info(1, in.port, 1, {}, in.field4);
     log_star_return("STAR_GetInfo", r.text);
     return r;
 }

@@ -47,6 +47,9 @@ extern const char TAG_DF_Name[];                    // "84"
 // Log format a card's 9F4F is expected to have: 45 bytes of record.
 extern const uint8_t trDetailRecordFormat[25];
 inline constexpr int kLogRecordSize = 45;
+// Longest text of one formatted record with its terminator: the ATC field
+// has four digits, or five for a counter of 10000 or more.
+inline constexpr std::size_t kLogRecordTextRoom = 108;
 
 // Fixed terminal values used when building DOL data.
 inline constexpr uint8_t kTerminalVerificationResults[5] = {0x00, 0x00, 0x00, 0x08, 0x00};  // 95

@@ -93,6 +93,9 @@ LogRead read_log(const AppInit& app, std::size_t header, const LogTexts& texts) 
         if (static_cast<uint32_t>(rc) != device::kSwOk) break;
 
         const std::string text = format_log_record(reply.data());
+        // Records are not all of one length (an ATC of 10000 or more has
+        // five digits): one that would not fit ends the log here.
+        if (header + r.records.size() + text.size() + 1 > kLogTextRoom) break;
         if (r.count == 0) r.record_len = static_cast<int32_t>(text.size());
         r.records += text;
         ++r.count;
@@ -231,7 +234,7 @@ TranDetaOutcome ic_get_tran_deta(std::string_view port_name, int32_t ic_type, co
     return out;
 }
 
-TxDetailOutcome ic_get_tx_detail(int32_t ic_type, const uint8_t* aid_list) {
+TxDetailOutcome ic_get_tx_detail(int32_t ic_type, std::span<const uint8_t> aid_list) {
     int32_t flag = 0;
     ssICType = do_ic_type(ic_type_from_one(ic_type), &flag);
     log::debug_text("IC_GetTxDetail begin......%s", "");
