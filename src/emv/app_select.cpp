@@ -89,13 +89,15 @@ int32_t run_init(uint32_t timeout, uint32_t slot, std::span<const uint8_t> candi
     uint8_t random[4] = {};
     support::random_bytes(random);
 
-    const int32_t power = device::power_on(slot, timeout, &ssICType);
+    int32_t slot_used = state().slot();
+    const int32_t power = device::power_on(slot, timeout, &slot_used);
+    state().set_slot(slot_used);
     log::debug_int("KOLT_T41_InitICCardApp KOLT_T41_ICC_Poweron flag=%d", power);
     if (power == Revdata_Error || power == ICC_No_Response) return finish(kInitNoResponse);
     if (power == ICC_Contact_Not_Insert) return finish(ICC_Contact_Not_Insert);
     if (power != OK) return finish(kInitPowerOnFailed);
 
-    const auto card = static_cast<uint32_t>(ssICType);
+    const auto card = static_cast<uint32_t>(state().slot());
     const bool contactless = card == device::kSlotRf;
     int32_t result = 0;
     CardReply select;

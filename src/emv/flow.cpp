@@ -82,14 +82,14 @@ link::Session open_link(int32_t term_type, int32_t port, const char* failure_log
 }
 
 AppInit start_app(std::span<const uint8_t> aid_list) {
-    return init_app(kInitTimeout, static_cast<uint32_t>(ssICType), aid_list);
+    return init_app(kInitTimeout, static_cast<uint32_t>(state().slot()), aid_list);
 }
 
 AppInit start_app_psbc(const char* aid_text) {
-    return init_app_psbc(kInitTimeout, static_cast<uint32_t>(ssICType), bounded(aid_text, kFieldMax));
+    return init_app_psbc(kInitTimeout, static_cast<uint32_t>(state().slot()), bounded(aid_text, kFieldMax));
 }
 
-int32_t power_off_card() { return device::power_off(static_cast<uint32_t>(ssICType)); }
+int32_t power_off_card() { return device::power_off(static_cast<uint32_t>(state().slot())); }
 
 InitFailure ic_init_failure(int32_t init_result, const InitFailureLogs& logs) {
     switch (init_result) {
