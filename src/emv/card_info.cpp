@@ -14,6 +14,7 @@
 #include "emv/app_select.hpp"
 #include "emv/tags.hpp"
 #include "kolt/kolt.h"
+#include "link/deadline.hpp"
 #include "link/port.hpp"
 #include "support/config.hpp"
 #include "support/hex.hpp"
@@ -261,7 +262,8 @@ Outcome star_get_info(std::string_view input) {
 // YS core.
 
 YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid_text) {
-    ::usleep(400 * 1000);
+    // The card information of this family starts with a 400 ms pause.
+    link::sleep_ms(400);
     int32_t flag = 0;
     state().set_slot(do_ic_type(ic_type, &flag));
     log::debug_int("IC_GetInfo ICtype = %d", state().slot());
