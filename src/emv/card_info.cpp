@@ -216,7 +216,9 @@ Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, std:
 
     Outcome result;
     const AppInit app = start_app(aid_list);
+    device::PoweredCard card(static_cast<uint32_t>(state().slot()));
     if (app.result == kInitPowerOnFailed) {
+        card.release();
         // 卡上电错误: the card never came up, so no power-off is sent.
         log::error_text("KOLT_ICRT_GetICCInfo \xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3%s", "");
         return {app.result - 10, std::string(gbk::kPowerOnError)};
@@ -246,7 +248,7 @@ Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, std:
         }
     }
 
-    const int32_t off = power_off_card();
+    const int32_t off = card.power_off();
     log::debug("getIdCardInfo KOLT_T41_ICC_Poweroff flag=%x", &off, 4);
     return result;
 }
@@ -279,6 +281,7 @@ YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid
 
     YsOutcome out;
     const AppInit app = start_app_psbc(aid_text);
+    device::PoweredCard card(static_cast<uint32_t>(state().slot()));
     if (app.result != 0) {
         InitFailureLogs logs;
         // 卡上电错误
@@ -290,7 +293,10 @@ YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid
         const InitFailure failure = ic_init_failure(app.result, logs);
         out.code = failure.code;
         out.text = std::string(failure.text);
-        if (!failure.power_off) return out;  // the card never came up
+        if (!failure.power_off) {
+            card.release();  // the card never came up
+            return out;
+        }
     } else {
         // The GET DATA triggers are tested on the caller's own letters,
         // before the YS translation.
@@ -331,7 +337,7 @@ YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid
         }
     }
 
-    const int32_t off = power_off_card();
+    const int32_t off = card.power_off();
     log::debug("IC_GetInfo KOLT_T41_ICC_Poweroff flag=%x", &off, 4);
     return out;
 }
