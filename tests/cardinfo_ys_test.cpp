@@ -236,7 +236,7 @@ INSTANTIATE_TEST_SUITE_P(Selection, YsSelectionFailureTest, ::testing::ValuesIn(
 TEST_F(YsInfoTest, FailingReadRecord) {
     auto card = load_card("pboc_debit.json");
     sim().set_contact_card(card);
-    kolt::test::silence_read_record(sim(), card, 3);
+    kolt::test::fail_read_record(sim(), 3);
     const YsCall c = ys(0, "AL");  // L is never found: SFI 3 is read
     EXPECT_EQ(c.rc, -10);
     EXPECT_EQ(c.out, kReadRecordError);

@@ -71,6 +71,10 @@ TEST_F(Framed, MainFrameStatusPairReachesTheMapping) {
     EXPECT_EQ(KOLT_T41_Ret_Code(out_[3], out_[4]), ICC_No_Response);
 }
 
+// The link layer's real time-out test against the simulated reader: it
+// stays silent and the read runs out its time. (The other faults of this
+// file - a short, truncated or late reply - end in the same wait, because
+// that is how the link notices them.)
 TEST_F(Framed, MainFrameNoReply) {
     sim().inject(Fault{Fault::NoReply});
     EXPECT_LT(elapsed_ms([&] { EXPECT_EQ(version(1), Lenth_Error); }), 1500);
