@@ -408,8 +408,7 @@ TEST(StarGetInfo, ReadsTheContactlessCardThroughTheTerminal) {
     EXPECT_TRUE(sim->terminal_errors().empty());
     // The terminal's port is switched off again (the close sequence may
     // still be on its way to the simulated terminal).
-    for (int i = 0; i < 100 && sim->aux_open(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_FALSE(sim->aux_open());
+    EXPECT_TRUE(kolt::test::wait_until([&] { return !sim->aux_open(); }));
 }
 
 TEST(StarGetInfo, ReturnsZeroWhenTheCardFails) {

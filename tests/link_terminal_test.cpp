@@ -34,8 +34,7 @@ kolt::sim::Options terminal(int type, int port, const std::string& ext_file = ""
 // a moment to catch up with the last sequences written.
 template <class Pred>
 bool settle(Pred pred) {
-    for (int i = 0; i < 200 && !pred(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    return pred();
+    return kolt::test::wait_until(pred);
 }
 
 bool closed(kolt::sim::Simulator& sim) {

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "common/sim_fixture.hpp"
+#include "common/test_util.hpp"
 #include "kolt_sim/frame.hpp"
 #include "kolt_sim/simulator.hpp"
 
@@ -111,7 +112,11 @@ TEST_F(SimFault, CloseMidFrameThenTheLineComesBack) {
     // While the line is dead, commands are lost.
     line->write(kRfOn);
     EXPECT_TRUE(line->read_for(100).empty());
-    std::this_thread::sleep_for(std::chrono::milliseconds(800));
+    // Until it comes back at the end of the 800 ms.
+    EXPECT_TRUE(kolt::test::wait_until([&] {
+        line->write(kRfOn);
+        return line->read_until(0x03, 100) == kOk;
+    }));
     EXPECT_EQ(rf_on(), kOk);
     EXPECT_TRUE(sim->running());
 }

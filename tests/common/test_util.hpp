@@ -2,10 +2,12 @@
 // overrides and whole-file reads.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -45,6 +47,23 @@ private:
 };
 
 std::string read_file(const std::string& path);
+
+// How long wait_until waits by default: far longer than anything the tests
+// wait for takes, so that only a real failure runs into it.
+inline constexpr std::chrono::milliseconds kWaitDeadline{3000};
+
+// Waits for something another thread, process or the simulator does: asks
+// pred every few milliseconds until it holds or the deadline has passed.
+// Returns pred's last answer (asked once more at the deadline).
+template <class Pred>
+bool wait_until(Pred&& pred, std::chrono::milliseconds deadline = kWaitDeadline) {
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() >= end) return pred();
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
 
 // Runs a copy of the running test program, placed at copy (directories made,
 // an older copy replaced), with only the test named by filter selected and
