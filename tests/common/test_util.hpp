@@ -66,14 +66,20 @@ bool wait_until(Pred&& pred, std::chrono::milliseconds deadline = kWaitDeadline)
 }
 
 // Runs a copy of the running test program, placed at copy (directories made,
-// an older copy replaced), with only the test named by filter selected and
-// the variables of env set; its standard output goes to stdout_file when one
-// is given. Tests use it for what must happen in a process of its own beside
-// files of its own (the executable's KTLog, a kolt.ini beside the program).
-// Returns the exit status, or -1 when the copy did not exit normally.
+// an older copy replaced), with only the test named by filter (its full
+// name, Suite.Name) selected and the variables of env set; its standard
+// output goes to stdout_file when one is given. Tests use it for what must
+// happen in a process of its own beside files of its own (the executable's
+// KTLog, a kolt.ini beside the program). Returns the exit status, -1 when
+// the copy did not exit normally, or -2 when it never started that test (a
+// filter that selects nothing would otherwise pass for a clean run).
 int run_copy_of_self(const std::filesystem::path& copy, const std::string& filter,
                      const std::vector<std::pair<std::string, std::string>>& env,
                      const std::string& stdout_file = {});
+
+// The variable that names the file in which a test program started by
+// run_copy_of_self notes the name of every test it starts (test_main.cpp).
+inline constexpr const char* kStartedTestsFileVar = "KOLT_TEST_STARTED_FILE";
 
 // The ESC byte, as escape sequences are spelled in the tests.
 inline const std::string kEsc = "\x1b";
