@@ -72,7 +72,8 @@ bool wait_until(Pred&& pred, std::chrono::milliseconds deadline = kWaitDeadline)
 // happen in a process of its own beside files of its own (the executable's
 // KTLog, a kolt.ini beside the program). Returns the exit status, -1 when
 // the copy did not exit normally, or -2 when it never started that test (a
-// filter that selects nothing would otherwise pass for a clean run).
+// filter that selects nothing would otherwise pass for a clean run). Test
+// programs that call it are named *_exec_test.cpp (see tests/CMakeLists.txt).
 int run_copy_of_self(const std::filesystem::path& copy, const std::string& filter,
                      const std::vector<std::pair<std::string, std::string>>& env,
                      const std::string& stdout_file = {});
