@@ -59,83 +59,24 @@ fi
 # and are set from uninitialised emulator memory. The Linux kernel on a real
 # arm64 machine handles these requests like any other architecture. So that
 # the emulated suite tests the library's own code, test programs run with a
-# small preloaded shim that carries out these four requests as the kernel
-# does (low 16 bits of each mode word, the line discipline and the first
-# NCC control characters) through tcgetattr/tcsetattr, which qemu translates
-# in full. Every other ioctl goes to the kernel unchanged. LD_PRELOAD names
-# it through $LIB, so that the programs a test starts find it too: aarch64
-# ones (run through binfmt_misc) the shim, host ones (a shell) an empty
-# library of the host's architecture.
+# small preloaded shim (scripts/qemu/kolt-termio-shim.c) that carries out
+# these four requests as the kernel does through tcgetattr/tcsetattr, which
+# qemu translates in full. Every other ioctl goes to the kernel unchanged.
+# LD_PRELOAD names it through $LIB, so that the programs a test starts find
+# it too: aarch64 ones (run through binfmt_misc) the shim, host ones (a
+# shell) an empty library of the host's architecture.
+shim_src="$KOLT_ROOT/scripts/qemu/kolt-termio-shim.c"
 shimdir="$build/qemu-shim"
-shim_src="$shimdir/kolt-termio-shim.c"
 shim="$shimdir/lib/$triple/libkolt-termio-shim.so"
 host_stub="$shimdir/lib/$(gcc -print-multiarch)/libkolt-termio-shim.so"
 preload="$shimdir/\$LIB/libkolt-termio-shim.so"
 mkdir -p "$(dirname "$shim")" "$(dirname "$host_stub")"
-cat > "$shim_src.new" <<'EOF'
-#if defined(__aarch64__)
-#define _GNU_SOURCE
-#include <stdarg.h>
-#include <string.h>
-#include <termio.h>
-#include <termios.h>
-#include <unistd.h>
-#include <sys/ioctl.h>
-#include <sys/syscall.h>
-
-static unsigned int low16(unsigned int word, unsigned short value) {
-    return (word & 0xffff0000u) | value;
-}
-
-int ioctl(int fd, unsigned long request, ...) {
-    va_list ap;
-    va_start(ap, request);
-    void *arg = va_arg(ap, void *);
-    va_end(ap);
-    struct termios t;
-    switch (request) {
-    case TCGETA: {
-        struct termio r;
-        if (tcgetattr(fd, &t) != 0) return -1;
-        memset(&r, 0, sizeof r);
-        r.c_iflag = (unsigned short)t.c_iflag;
-        r.c_oflag = (unsigned short)t.c_oflag;
-        r.c_cflag = (unsigned short)t.c_cflag;
-        r.c_lflag = (unsigned short)t.c_lflag;
-        r.c_line = t.c_line;
-        memcpy(r.c_cc, t.c_cc, NCC);
-        memcpy(arg, &r, sizeof r);
-        return 0;
-    }
-    case TCSETA:
-    case TCSETAW:
-    case TCSETAF: {
-        struct termio n;
-        memcpy(&n, arg, sizeof n);
-        if (tcgetattr(fd, &t) != 0) return -1;
-        t.c_iflag = low16(t.c_iflag, n.c_iflag);
-        t.c_oflag = low16(t.c_oflag, n.c_oflag);
-        t.c_cflag = low16(t.c_cflag, n.c_cflag);
-        t.c_lflag = low16(t.c_lflag, n.c_lflag);
-        t.c_line = n.c_line;
-        memcpy(t.c_cc, n.c_cc, NCC);
-        return tcsetattr(fd, request == TCSETA ? TCSANOW : request == TCSETAW ? TCSADRAIN : TCSAFLUSH, &t);
-    }
-    default:
-        return (int)syscall(SYS_ioctl, fd, request, arg);
-    }
-}
-#else
-/* The host's empty stand-in. */
-void kolt_termio_shim_host(void) {}
-#endif
-EOF
-if ! cmp -s "$shim_src.new" "$shim_src" || [ ! -f "$shim" ] || [ ! -f "$host_stub" ]; then
-    mv "$shim_src.new" "$shim_src"
-    "$triple-gcc" -O2 -Wall -Wextra -shared -fPIC -o "$shim" "$shim_src"
-    gcc -O2 -Wall -Wextra -shared -fPIC -o "$host_stub" "$shim_src"
-else
-    rm -f "$shim_src.new"
+# Built again whenever the source differs from the one last built (a copy
+# is kept beside the libraries).
+if ! cmp -s "$shim_src" "$shimdir/kolt-termio-shim.c" || [ ! -f "$shim" ] || [ ! -f "$host_stub" ]; then
+    "$triple-gcc" -O2 -Wall -Wextra -Werror -shared -fPIC -o "$shim" "$shim_src"
+    gcc -O2 -Wall -Wextra -Werror -shared -fPIC -o "$host_stub" "$shim_src"
+    cp "$shim_src" "$shimdir/kolt-termio-shim.c"
 fi
 
 # ---------------------------------------------------------------------------
