@@ -83,7 +83,7 @@ fi
 echo "== aarch64 cross build in $build"
 cmake -S "$KOLT_ROOT" -B "$build" \
     -DCMAKE_TOOLCHAIN_FILE="$KOLT_ROOT/cmake/toolchain-aarch64.cmake" \
-    -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKOLT_WERROR=ON \
     "-DCMAKE_CROSSCOMPILING_EMULATOR=$qemu;-E;LD_PRELOAD=$preload" >/dev/null
 cmake --build "$build" -j "$jobs"
 
@@ -99,7 +99,10 @@ case "$desc" in
 esac
 "$triple-readelf" -d "$lib" | grep -E '\((NEEDED|SONAME)\)'
 soname="$("$triple-readelf" -d "$lib" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')"
-[ "$soname" = "libkolt.so.2" ] || { echo "unexpected SONAME '$soname'" >&2; exit 1; }
+# The SONAME CMake derived from the project version (CMakeLists.txt).
+expected_soname="$(cat "$build/kolt-soname.txt")"
+[ -n "$expected_soname" ] && [ "$soname" = "$expected_soname" ] ||
+    { echo "unexpected SONAME '$soname' (CMake gives '$expected_soname')" >&2; exit 1; }
 unexpected="$("$triple-readelf" -d "$lib" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' |
     grep -v -E '^(libstdc\+\+\.so\.6|libm\.so\.6|libgcc_s\.so\.1|libc\.so\.6|libcjson\.so\.1|ld-linux-aarch64\.so\.1)$' || true)"
 [ -z "$unexpected" ] || { echo "unexpected dependencies: $unexpected" >&2; exit 1; }
