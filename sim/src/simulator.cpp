@@ -94,6 +94,7 @@ struct Simulator::Impl {
         Fault fault;
         int remaining;
         std::optional<uint16_t> key;
+        Match match;  // empty: every command of the key
     };
     struct RawRule {
         Bytes trigger, reply;
@@ -199,9 +200,10 @@ struct Simulator::Impl {
         cv.notify_all();
     }
 
-    std::optional<Fault> take_fault(uint16_t key) {
+    std::optional<Fault> take_fault(uint16_t key, const Command& c) {
         for (auto it = faults.begin(); it != faults.end(); ++it) {
             if (it->key && *it->key != key) continue;
+            if (it->match && !it->match(c)) continue;
             Fault f = it->fault;
             if (it->remaining > 0 && --it->remaining == 0) faults.erase(it);
             return f;
@@ -210,9 +212,9 @@ struct Simulator::Impl {
     }
 
     template <class Encode>
-    void reply(std::vector<Outgoing>& out, uint16_t key, Encode encode) {
+    void reply(std::vector<Outgoing>& out, uint16_t key, const Command& c, Encode encode) {
         Outgoing o;
-        o.fault = take_fault(key);
+        o.fault = take_fault(key, c);
         Tweak tw;
         if (o.fault && o.fault->kind == Fault::BadCheck) tw.check_xor = 0x01;
         if (o.fault && o.fault->kind == Fault::LengthTooLong) tw.length_extra = 4;
@@ -343,14 +345,15 @@ struct Simulator::Impl {
         if (key == key_of(0x35, 0x82)) {
             Bytes body{r->s1, r->s2};
             body.insert(body.end(), r->data.begin(), r->data.end());
-            reply(out, key, [&](const Tweak& tw) { return encode_special_frame(body, tw); });
+            reply(out, key, c, [&](const Tweak& tw) { return encode_special_frame(body, tw); });
         } else {
-            reply(out, key, [&](const Tweak& tw) { return encode_main_frame(r->s1, r->s2, r->data, tw); });
+            reply(out, key, c, [&](const Tweak& tw) { return encode_main_frame(r->s1, r->s2, r->data, tw); });
         }
     }
 
     void on_bracket(uint8_t cmd, Bytes data, std::vector<Outgoing>& out) {
-        record(Command{Framing::Bracket, 0, cmd, std::move(data)});
+        const Command c{Framing::Bracket, 0, cmd, std::move(data)};
+        record(c);
         if (opt.profile.family != "bracket") return;
         Bytes body;
         if (cmd == 0x41) {
@@ -362,23 +365,25 @@ struct Simulator::Impl {
         } else {
             return;
         }
-        reply(out, key_of(0, cmd), [&](const Tweak& tw) { return encode_bracket_frame(cmd, body, tw); });
+        reply(out, key_of(0, cmd), c, [&](const Tweak& tw) { return encode_bracket_frame(cmd, body, tw); });
     }
 
     void on_86(const Bytes& payload, std::vector<Outgoing>& out) {
         const uint8_t cmd = payload.empty() ? 0 : payload[0];
-        record(Command{Framing::Legacy86, 0x86, cmd, {}});
+        const Command c{Framing::Legacy86, 0x86, cmd, {}};
+        record(c);
         if (opt.profile.family != "legacy86") return;
-        reply(out, key_of(0x86, cmd),
+        reply(out, key_of(0x86, cmd), c,
               [&](const Tweak& tw) { return encode_86_frame(opt.profile.legacy86_reply, tw); });
     }
 
     void on_probe(std::vector<Outgoing>& out) {
-        record(Command{Framing::Probe, 0, 0, {}});
+        const Command c{Framing::Probe, 0, 0, {}};
+        record(c);
         if (opt.profile.family == "legacy86") {
-            reply(out, 0, [&](const Tweak& tw) { return encode_86_frame(opt.profile.legacy86_reply, tw); });
+            reply(out, 0, c, [&](const Tweak& tw) { return encode_86_frame(opt.profile.legacy86_reply, tw); });
         } else {
-            reply(out, 0, [&](const Tweak& tw) { return encode_bracket_frame(0x41, opt.profile.greeting, tw); });
+            reply(out, 0, c, [&](const Tweak& tw) { return encode_bracket_frame(0x41, opt.profile.greeting, tw); });
         }
     }
 
@@ -779,13 +784,19 @@ void Simulator::set_id_answer(std::optional<std::vector<uint8_t>> answer) {
 void Simulator::inject(Fault fault, int count) {
     if (count == 0) return;
     std::lock_guard l(impl_->m);
-    impl_->faults.push_back({fault, count, std::nullopt});
+    impl_->faults.push_back({fault, count, std::nullopt, {}});
 }
 
 void Simulator::inject_for(uint8_t cls, uint8_t code, Fault fault, int count) {
     if (count == 0) return;
     std::lock_guard l(impl_->m);
-    impl_->faults.push_back({fault, count, key_of(cls, code)});
+    impl_->faults.push_back({fault, count, key_of(cls, code), {}});
+}
+
+void Simulator::inject_when(uint8_t cls, uint8_t code, Match match, Fault fault, int count) {
+    if (count == 0) return;
+    std::lock_guard l(impl_->m);
+    impl_->faults.push_back({fault, count, key_of(cls, code), std::move(match)});
 }
 
 void Simulator::clear_faults() {
