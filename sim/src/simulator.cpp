@@ -2,7 +2,6 @@
 // fault injection and output pacing.
 #include "kolt_sim/simulator.hpp"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <termios.h>
 #include <unistd.h>
@@ -12,13 +11,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <mutex>
 #include <thread>
 #include <utility>
 
 #include "frame_internal.hpp"
+#include "pty_internal.hpp"
 #include "terminal_internal.hpp"
 #include "util_internal.hpp"
 
@@ -52,36 +50,6 @@ bool is_b64(uint8_t c) {
            c == '=';
 }
 
-// A descriptor that closes itself.
-class Fd {
-public:
-    Fd() = default;
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd() { reset(); }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    Fd(Fd&& o) noexcept : fd_(std::exchange(o.fd_, -1)) {}
-    Fd& operator=(Fd&& o) noexcept {
-        if (this != &o) {
-            reset();
-            fd_ = std::exchange(o.fd_, -1);
-        }
-        return *this;
-    }
-    int get() const { return fd_; }
-    void reset() {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
-    }
-
-private:
-    int fd_ = -1;
-};
-
-[[noreturn]] void sys_fail(const std::string& what) {
-    throw std::runtime_error("kolt-sim: " + what + ": " + std::strerror(errno));
-}
-
 }  // namespace
 
 struct Simulator::Impl {
@@ -106,8 +74,7 @@ struct Simulator::Impl {
     mutable std::condition_variable cv;
     std::mutex write_m;
 
-    Fd master, slave;
-    std::string slave_path;
+    Pty pty;
     Fd wake_r, wake_w;
     std::thread thread;
     std::atomic<bool> stopping{false};
@@ -136,50 +103,9 @@ struct Simulator::Impl {
     explicit Impl(Options o) : opt(std::move(o)) {
         id_answer = opt.profile.id_answer;
         status_over = opt.profile.status_overrides;
-        if (opt.terminal.type != 0) {
-            TerminalSequences seq;
-            if (opt.terminal.type >= 50) {
-                std::string path = opt.terminal.ext_file;
-                if (path.empty()) {
-                    const char* home = std::getenv("DCCHOME");
-                    path = (home != nullptr && std::strstr(home, "(null)") == nullptr)
-                               ? std::string(home) + "/lxbs/font/idcread.ext"
-                               : "/dcc/lxbs/font/idcread.ext";
-                }
-                seq = ext_file_terminal(path, opt.terminal.type, opt.terminal.port);
-            } else {
-                seq = builtin_terminal(opt.terminal.type, opt.terminal.port);
-            }
-            term.emplace(std::move(seq));
-        }
-        open_pty();
-        int p[2];
-        if (::pipe2(p, O_CLOEXEC | O_NONBLOCK) != 0) sys_fail("pipe");
-        wake_r = Fd(p[0]);
-        wake_w = Fd(p[1]);
-    }
-
-    void open_pty() {
-        master = Fd(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-        if (master.get() < 0) sys_fail("posix_openpt");
-        if (::grantpt(master.get()) != 0) sys_fail("grantpt");
-        if (::unlockpt(master.get()) != 0) sys_fail("unlockpt");
-        char name[128];
-        if (::ptsname_r(master.get(), name, sizeof name) != 0) sys_fail("ptsname");
-        slave_path = name;
-        // Kept open for the simulator's lifetime so that the line does not
-        // hang up between the host's open/close cycles.
-        slave = Fd(::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
-        if (slave.get() < 0) sys_fail("open " + slave_path);
-        termios t{};
-        if (::tcgetattr(slave.get(), &t) != 0) sys_fail("tcgetattr");
-        ::cfmakeraw(&t);
-        ::cfsetispeed(&t, B9600);
-        ::cfsetospeed(&t, B9600);
-        t.c_cflag |= CLOCAL | CREAD;
-        if (::tcsetattr(slave.get(), TCSANOW, &t) != 0) sys_fail("tcsetattr");
-        const int fl = ::fcntl(master.get(), F_GETFL);
-        if (fl < 0 || ::fcntl(master.get(), F_SETFL, fl | O_NONBLOCK) != 0) sys_fail("fcntl");
+        if (opt.terminal.type != 0) term.emplace(terminal_sequences(opt.terminal));
+        pty = open_pty();
+        std::tie(wake_r, wake_w) = open_pipe();
     }
 
     void log(const std::string& line) const {
@@ -539,7 +465,7 @@ struct Simulator::Impl {
                 // Recorded under the lock together with the write, so that a
                 // host that has read the reply also finds it in raw_sent().
                 std::lock_guard l(m);
-                w = ::write(master.get(), bytes.data() + done, chunk);
+                w = ::write(pty.master.get(), bytes.data() + done, chunk);
                 err = errno;
                 if (w > 0)
                     tx.insert(tx.end(), bytes.begin() + static_cast<long>(done),
@@ -556,7 +482,7 @@ struct Simulator::Impl {
                 log("host does not read; reply dropped");
                 return false;
             }
-            pollfd pfd{master.get(), POLLOUT, 0};
+            pollfd pfd{pty.master.get(), POLLOUT, 0};
             ::poll(&pfd, 1, 20);
         }
         return true;
@@ -588,7 +514,7 @@ struct Simulator::Impl {
                     write_all(wire);
                     std::lock_guard l(m);
                     dead_until = Clock::now() + std::chrono::milliseconds(f.delay_ms > 0 ? f.delay_ms : 1000);
-                    ::tcflush(master.get(), TCIFLUSH);
+                    ::tcflush(pty.master.get(), TCIFLUSH);
                     in.clear();
                     if (term) term->drop_input();
                     return;
@@ -640,7 +566,7 @@ struct Simulator::Impl {
     void serve() {
         uint8_t buf[4096];
         while (!stopping) {
-            pollfd pfd[2] = {{master.get(), POLLIN, 0}, {wake_r.get(), POLLIN, 0}};
+            pollfd pfd[2] = {{pty.master.get(), POLLIN, 0}, {wake_r.get(), POLLIN, 0}};
             const int r = ::poll(pfd, 2, has_pending() ? 25 : 500);
             if (stopping) break;
             if (r < 0) {
@@ -653,7 +579,7 @@ struct Simulator::Impl {
                 }
             }
             if (pfd[0].revents & POLLIN) {
-                const ssize_t n = ::read(master.get(), buf, sizeof buf);
+                const ssize_t n = ::read(pty.master.get(), buf, sizeof buf);
                 if (n > 0) {
                     on_input(buf, static_cast<size_t>(n));
                     continue;
@@ -700,10 +626,10 @@ bool Simulator::running() const {
     return impl_->running;
 }
 
-std::string Simulator::slave_path() const { return impl_->slave_path; }
+std::string Simulator::slave_path() const { return impl_->pty.slave_path; }
 
 std::string Simulator::port_name() const {
-    const std::string& p = impl_->slave_path;
+    const std::string& p = impl_->pty.slave_path;
     return p.rfind("/dev/", 0) == 0 ? p.substr(5) : p;
 }
 
