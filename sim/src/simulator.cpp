@@ -15,6 +15,7 @@
 #include <thread>
 #include <utility>
 
+#include "device_model_internal.hpp"
 #include "frame_internal.hpp"
 #include "pty_internal.hpp"
 #include "terminal_internal.hpp"
@@ -84,12 +85,7 @@ struct Simulator::Impl {
     std::vector<Command> transcript;
     Bytes rx, tx;
     std::vector<std::string> frame_errors;
-    std::map<uint8_t, LedState> leds;
-    int buzz = 0;
-    bool rf = false;
-    std::shared_ptr<Card> contact, contactless;
-    bool contact_powered = false, contactless_powered = false;
-    Bytes id_answer;
+    DeviceModel model;
     std::vector<FaultEntry> faults;
     std::map<uint16_t, std::pair<uint8_t, uint8_t>> status_over;
     std::map<uint16_t, Handler> handlers;
@@ -100,8 +96,7 @@ struct Simulator::Impl {
     Clock::time_point last_rx{};
     Clock::time_point dead_until{};
 
-    explicit Impl(Options o) : opt(std::move(o)) {
-        id_answer = opt.profile.id_answer;
+    explicit Impl(Options o) : opt(std::move(o)), model(opt.profile) {
         status_over = opt.profile.status_overrides;
         if (opt.terminal.type != 0) term.emplace(terminal_sequences(opt.terminal));
         pty = open_pty();
@@ -151,70 +146,16 @@ struct Simulator::Impl {
     std::optional<Reply> unknown() const { return opt.profile.unknown_reply; }
 
     std::optional<Reply> card_command(uint8_t code, const Bytes& d) {
-        auto slot_kind = [](uint8_t slot) {
-            if (slot <= 0x02) return 'c';
-            if (slot == 0xFF) return 'l';
-            if (slot >= 0x11 && slot <= 0x14) return 'p';
-            return '?';
-        };
-        auto state_of = [](const std::shared_ptr<Card>& c, bool powered) -> uint8_t {
-            return c == nullptr ? 0 : powered ? 2 : 1;
-        };
         switch (code) {
-            case 0x21:  // reader state: contact, contactless (0 empty, 1 present, 2 powered)
-                return Reply{0x00, 0x00,
-                             {state_of(contact, contact_powered), state_of(contactless, contactless_powered)}};
-            case 0x22: {  // contact power-on: 00 00 slot
-                const uint8_t slot = d.size() >= 3 ? d[2] : 0x00;
-                const char k = slot_kind(slot);
-                if (k == 'p') return Reply{0x20, 0x01, {}};
-                if (k != 'c') return Reply{0x10, 0x01, {}};
-                if (contact == nullptr) return Reply{0x10, 0x02, {}};
-                auto atr = contact->power_on();
-                contact_powered = true;
-                return Reply{0x00, 0x00, atr};
-            }
-            case 0x23: {  // contact power-off: slot
-                const uint8_t slot = d.empty() ? 0x00 : d[0];
-                const char k = slot_kind(slot);
-                if (k == 'p') return Reply{0x20, 0x01, {}};
-                if (k != 'c') return Reply{0x10, 0x01, {}};
-                if (contact == nullptr) return Reply{0x10, 0x02, {}};
-                contact->power_off();
-                contact_powered = false;
-                return Reply{0x00, 0x00, {}};
-            }
-            case 0x24: {  // contactless power-on
-                if (contactless == nullptr) return Reply{0x30, 0x04, {}};
-                auto atr = contactless->power_on();
-                contactless_powered = true;
-                return Reply{0x00, 0x00, atr};
-            }
-            case 0x25:  // contactless power-off
-                if (contactless == nullptr) return Reply{0x30, 0x04, {}};
-                contactless->power_off();
-                contactless_powered = false;
-                return Reply{0x00, 0x00, {}};
-            case 0x26: {  // APDU: slot, then the command
+            case 0x21: return model.reader_state();
+            case 0x22: return model.contact_power_on(d.size() >= 3 ? d[2] : 0x00);  // 00 00 slot
+            case 0x23: return model.contact_power_off(d.empty() ? 0x00 : d[0]);     // slot
+            case 0x24: return model.contactless_power_on();
+            case 0x25: return model.contactless_power_off();
+            case 0x26:  // slot, then the APDU
                 if (d.empty()) return Reply{0x10, 0x07, {}};
-                const char k = slot_kind(d[0]);
-                const std::span<const uint8_t> apdu(d.data() + 1, d.size() - 1);
-                if (k == 'c') {
-                    if (contact == nullptr) return Reply{0x10, 0x02, {}};
-                    if (!contact_powered) return Reply{0x10, 0x04, {}};
-                    if (apdu.size() < 4) return Reply{0x10, 0x07, {}};
-                    return Reply{0x00, 0x00, contact->exchange(apdu)};
-                }
-                if (k == 'l') {
-                    if (contactless == nullptr || !contactless_powered) return Reply{0x30, 0x04, {}};
-                    if (apdu.size() < 4) return Reply{0x30, 0x07, {}};
-                    return Reply{0x00, 0x00, contactless->exchange(apdu)};
-                }
-                if (k == 'p') return Reply{0x20, 0x04, {}};
-                return Reply{0x10, 0x01, {}};
-            }
-            default:
-                return unknown();
+                return model.exchange(d[0], std::span(d).subspan(1));
+            default: return unknown();
         }
     }
 
@@ -223,32 +164,29 @@ struct Simulator::Impl {
         if (c.cls == 0x32) return card_command(c.code, d);
         switch (key_of(c.cls, c.code)) {
             case key_of(0x31, 0x13):  // buzzer
-                ++buzz;
+                model.beep();
                 return Reply{};
             case key_of(0x31, 0x14):  // LED: led, color, mode, 01 01 00
-                if (d.size() >= 3) leds[d[0]] = LedState{d[1], d[2]};
+                if (d.size() >= 3) model.set_led(d[0], LedState{d[1], d[2]});
                 return Reply{};
             case key_of(0x38, 0x97):
-                rf = true;
+                model.set_rf(true);
                 return Reply{};
             case key_of(0x38, 0x98):
-                rf = false;
+                model.set_rf(false);
                 return Reply{};
             case key_of(0x31, 0x11): {  // version by selector
-                if (d.empty()) return unknown();
-                auto it = opt.profile.versions.find(d[0]);
-                if (it == opt.profile.versions.end()) return unknown();
-                return Reply{0x00, 0x00, it->second};
+                auto v = d.empty() ? std::nullopt : model.version(d[0]);
+                if (!v) return unknown();
+                return Reply{0x00, 0x00, std::move(*v)};
             }
             case key_of(0x35, 0x87):  // identity-module serial number
-                return Reply{0x00, 0x00, opt.profile.module_serial};
+                return Reply{0x00, 0x00, model.module_serial()};
             case key_of(0x35, 0x80):  // find identity card
             case key_of(0x35, 0x81):  // select identity card
-                if (id_answer.empty()) return Reply{opt.profile.id_no_card_s1, opt.profile.id_no_card_s2, {}};
-                return Reply{};
+                return model.id_find();
             case key_of(0x35, 0x82):  // read identity card
-                if (id_answer.empty()) return Reply{opt.profile.id_no_card_s1, opt.profile.id_no_card_s2, {}};
-                return Reply{0x00, 0x00, id_answer};
+                return model.id_read();
             default:
                 return unknown();
         }
@@ -672,34 +610,32 @@ std::vector<std::string> Simulator::frame_errors() const {
 
 std::map<uint8_t, LedState> Simulator::leds() const {
     std::lock_guard l(impl_->m);
-    return impl_->leds;
+    return impl_->model.leds();
 }
 
 int Simulator::buzzer_count() const {
     std::lock_guard l(impl_->m);
-    return impl_->buzz;
+    return impl_->model.buzzer_count();
 }
 
 bool Simulator::rf_on() const {
     std::lock_guard l(impl_->m);
-    return impl_->rf;
+    return impl_->model.rf_on();
 }
 
 void Simulator::set_contact_card(std::shared_ptr<Card> card) {
     std::lock_guard l(impl_->m);
-    impl_->contact = std::move(card);
-    impl_->contact_powered = false;
+    impl_->model.insert_contact(std::move(card));
 }
 
 void Simulator::set_contactless_card(std::shared_ptr<Card> card) {
     std::lock_guard l(impl_->m);
-    impl_->contactless = std::move(card);
-    impl_->contactless_powered = false;
+    impl_->model.insert_contactless(std::move(card));
 }
 
 void Simulator::set_id_answer(std::optional<std::vector<uint8_t>> answer) {
     std::lock_guard l(impl_->m);
-    impl_->id_answer = answer ? std::move(*answer) : std::vector<uint8_t>{};
+    impl_->model.set_id_answer(answer ? std::move(*answer) : std::vector<uint8_t>{});
 }
 
 void Simulator::inject(Fault fault, int count) {
