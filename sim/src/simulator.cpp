@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "device_model_internal.hpp"
+#include "dispatch_internal.hpp"
 #include "frame_internal.hpp"
 #include "pty_internal.hpp"
 #include "terminal_internal.hpp"
@@ -38,8 +39,6 @@ const char* framing_name(Framing f) {
 }
 
 namespace {
-
-constexpr uint16_t key_of(uint8_t cls, uint8_t code) { return static_cast<uint16_t>(cls << 8 | code); }
 
 // Stray bytes written before a reply by the GarbageBefore fault; none of
 // them can start a reply of any framing.
@@ -86,9 +85,8 @@ struct Simulator::Impl {
     Bytes rx, tx;
     std::vector<std::string> frame_errors;
     DeviceModel model;
+    Dispatcher dispatcher;
     std::vector<FaultEntry> faults;
-    std::map<uint16_t, std::pair<uint8_t, uint8_t>> status_over;
-    std::map<uint16_t, Handler> handlers;
     std::vector<RawRule> raw_rules;
     std::optional<TerminalEmulator> term;
 
@@ -97,7 +95,7 @@ struct Simulator::Impl {
     Clock::time_point dead_until{};
 
     explicit Impl(Options o) : opt(std::move(o)), model(opt.profile) {
-        status_over = opt.profile.status_overrides;
+        add_builtin_commands(dispatcher, model);
         if (opt.terminal.type != 0) term.emplace(terminal_sequences(opt.terminal));
         pty = open_pty();
         std::tie(wake_r, wake_w) = open_pipe();
@@ -130,120 +128,18 @@ struct Simulator::Impl {
         return std::nullopt;
     }
 
-    template <class Encode>
-    void reply(std::vector<Outgoing>& out, uint16_t key, Encode encode) {
+    // Records a decoded command and queues the reply the dispatch gives it.
+    void on_command(Command c, std::vector<Outgoing>& out) {
+        record(c);
+        const std::optional<Answer> answer = dispatcher.dispatch(c);
+        if (!answer) return;
         Outgoing o;
-        o.fault = take_fault(key);
+        o.fault = take_fault(key_of(c.cls, c.code));
         Tweak tw;
         if (o.fault && o.fault->kind == Fault::BadCheck) tw.check_xor = 0x01;
         if (o.fault && o.fault->kind == Fault::LengthTooLong) tw.length_extra = 4;
-        o.wire = encode(tw);
+        o.wire = encode_answer(*answer, tw);
         out.push_back(std::move(o));
-    }
-
-    // --- built-in behaviour of the unit ---------------------------------------
-
-    std::optional<Reply> unknown() const { return opt.profile.unknown_reply; }
-
-    std::optional<Reply> card_command(uint8_t code, const Bytes& d) {
-        switch (code) {
-            case 0x21: return model.reader_state();
-            case 0x22: return model.contact_power_on(d.size() >= 3 ? d[2] : 0x00);  // 00 00 slot
-            case 0x23: return model.contact_power_off(d.empty() ? 0x00 : d[0]);     // slot
-            case 0x24: return model.contactless_power_on();
-            case 0x25: return model.contactless_power_off();
-            case 0x26:  // slot, then the APDU
-                if (d.empty()) return Reply{0x10, 0x07, {}};
-                return model.exchange(d[0], std::span(d).subspan(1));
-            default: return unknown();
-        }
-    }
-
-    std::optional<Reply> builtin(const Command& c) {
-        const Bytes& d = c.data;
-        if (c.cls == 0x32) return card_command(c.code, d);
-        switch (key_of(c.cls, c.code)) {
-            case key_of(0x31, 0x13):  // buzzer
-                model.beep();
-                return Reply{};
-            case key_of(0x31, 0x14):  // LED: led, color, mode, 01 01 00
-                if (d.size() >= 3) model.set_led(d[0], LedState{d[1], d[2]});
-                return Reply{};
-            case key_of(0x38, 0x97):
-                model.set_rf(true);
-                return Reply{};
-            case key_of(0x38, 0x98):
-                model.set_rf(false);
-                return Reply{};
-            case key_of(0x31, 0x11): {  // version by selector
-                auto v = d.empty() ? std::nullopt : model.version(d[0]);
-                if (!v) return unknown();
-                return Reply{0x00, 0x00, std::move(*v)};
-            }
-            case key_of(0x35, 0x87):  // identity-module serial number
-                return Reply{0x00, 0x00, model.module_serial()};
-            case key_of(0x35, 0x80):  // find identity card
-            case key_of(0x35, 0x81):  // select identity card
-                return model.id_find();
-            case key_of(0x35, 0x82):  // read identity card
-                return model.id_read();
-            default:
-                return unknown();
-        }
-    }
-
-    void on_main(uint8_t cls, uint8_t code, Bytes data, std::vector<Outgoing>& out) {
-        Command c{Framing::Main, cls, code, std::move(data)};
-        record(c);
-        const uint16_t key = key_of(cls, code);
-        std::optional<Reply> r;
-        if (auto h = handlers.find(key); h != handlers.end()) {
-            r = h->second(c);
-        } else {
-            r = builtin(c);
-        }
-        if (!r) return;
-        if (auto s = status_over.find(key); s != status_over.end()) std::tie(r->s1, r->s2) = s->second;
-        if (key == key_of(0x35, 0x82)) {
-            Bytes body{r->s1, r->s2};
-            body.insert(body.end(), r->data.begin(), r->data.end());
-            reply(out, key, [&](const Tweak& tw) { return encode_special_frame(body, tw); });
-        } else {
-            reply(out, key, [&](const Tweak& tw) { return encode_main_frame(r->s1, r->s2, r->data, tw); });
-        }
-    }
-
-    void on_bracket(uint8_t cmd, Bytes data, std::vector<Outgoing>& out) {
-        record(Command{Framing::Bracket, 0, cmd, std::move(data)});
-        if (opt.profile.family != "bracket") return;
-        Bytes body;
-        if (cmd == 0x41) {
-            body = opt.profile.greeting;
-        } else if (cmd == 0x42) {
-            body = opt.profile.disconnect;
-        } else if (cmd == 0x51) {  // verification result shown on the display
-            body = {0x90};
-        } else {
-            return;
-        }
-        reply(out, key_of(0, cmd), [&](const Tweak& tw) { return encode_bracket_frame(cmd, body, tw); });
-    }
-
-    void on_86(const Bytes& payload, std::vector<Outgoing>& out) {
-        const uint8_t cmd = payload.empty() ? 0 : payload[0];
-        record(Command{Framing::Legacy86, 0x86, cmd, {}});
-        if (opt.profile.family != "legacy86") return;
-        reply(out, key_of(0x86, cmd),
-              [&](const Tweak& tw) { return encode_86_frame(opt.profile.legacy86_reply, tw); });
-    }
-
-    void on_probe(std::vector<Outgoing>& out) {
-        record(Command{Framing::Probe, 0, 0, {}});
-        if (opt.profile.family == "legacy86") {
-            reply(out, 0, [&](const Tweak& tw) { return encode_86_frame(opt.profile.legacy86_reply, tw); });
-        } else {
-            reply(out, 0, [&](const Tweak& tw) { return encode_bracket_frame(0x41, opt.profile.greeting, tw); });
-        }
     }
 
     // --- parser -------------------------------------------------------------------
@@ -282,7 +178,7 @@ struct Simulator::Impl {
             frame_error("main frame with a wrong check byte", total);
             return Parse::Bad;
         }
-        on_main(f->a, f->b, std::move(f->data), out);
+        on_command(Command{Framing::Main, f->a, f->b, std::move(f->data)}, out);
         return Parse::Complete;
     }
 
@@ -306,7 +202,7 @@ struct Simulator::Impl {
             frame_error("bracket frame with a wrong check or end", total);
             return Parse::Bad;
         }
-        on_bracket(f->cmd, std::move(f->data), out);
+        on_command(Command{Framing::Bracket, 0, f->cmd, std::move(f->data)}, out);
         return Parse::Complete;
     }
 
@@ -316,7 +212,7 @@ struct Simulator::Impl {
         if (std::equal(in.begin(), in.begin() + static_cast<long>(probe_n), kProbe.begin())) {
             if (probe_n == kProbe.size()) {
                 n = probe_n;
-                on_probe(out);
+                on_command(Command{Framing::Probe, 0, 0, {}}, out);
                 return Parse::Complete;
             }
             if (!idle) return Parse::NeedMore;
@@ -335,7 +231,7 @@ struct Simulator::Impl {
         auto payload = decode_86(std::span(in.data(), total));
         if (!payload) return Parse::NotFrame;
         n = total;
-        on_86(*payload, out);
+        on_command(Command{Framing::Legacy86, 0x86, payload->empty() ? uint8_t{0} : payload->front(), {}}, out);
         return Parse::Complete;
     }
 
@@ -657,12 +553,12 @@ void Simulator::clear_faults() {
 
 void Simulator::set_status(uint8_t cls, uint8_t code, uint8_t s1, uint8_t s2) {
     std::lock_guard l(impl_->m);
-    impl_->status_over[key_of(cls, code)] = {s1, s2};
+    impl_->dispatcher.set_status(cls, code, s1, s2);
 }
 
 void Simulator::clear_status(uint8_t cls, uint8_t code) {
     std::lock_guard l(impl_->m);
-    impl_->status_over.erase(key_of(cls, code));
+    impl_->dispatcher.clear_status(cls, code);
 }
 
 void Simulator::set_reply(uint8_t cls, uint8_t code, Reply reply) {
@@ -671,12 +567,12 @@ void Simulator::set_reply(uint8_t cls, uint8_t code, Reply reply) {
 
 void Simulator::set_handler(uint8_t cls, uint8_t code, Handler handler) {
     std::lock_guard l(impl_->m);
-    impl_->handlers[key_of(cls, code)] = std::move(handler);
+    impl_->dispatcher.set_custom(cls, code, std::move(handler));
 }
 
 void Simulator::clear_reply(uint8_t cls, uint8_t code) {
     std::lock_guard l(impl_->m);
-    impl_->handlers.erase(key_of(cls, code));
+    impl_->dispatcher.clear_custom(cls, code);
 }
 
 void Simulator::add_raw_rule(std::vector<uint8_t> trigger, std::vector<uint8_t> reply) {
