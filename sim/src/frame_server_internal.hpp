@@ -5,8 +5,9 @@
 // the byte level. It keeps the records of what went over the line.
 //
 // Its lock is the simulator's lock: the dispatch callback runs under it on
-// the server thread, and whatever that callback uses is guarded by it too.
-// Every public member but lock() takes it itself.
+// the server thread, and whatever that callback uses is guarded by it too
+// (lock() hands it out for that). The other public members take it
+// themselves where they need it.
 #pragma once
 
 #include <atomic>
