@@ -171,11 +171,7 @@ Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, std:
         // letters of the slots they fill: E fills G, F fills H, G fills K.
         fetch_ec_values(letters, "EFG");
 
-        WalkLogs logs;
-        logs.parsed = "KOLT_ICRT_GetICCInfo gFindedTagList2=%s";
-        logs.all_found = "KOLT_ICRT_GetICCInfo All TagList is finded%s";
-        logs.read_failed = "KOLT_ICRT_GetICCInfo KOLT_T41_ICC_Comm_Read_Record flag=%d";
-        const Walk w = walk_afl(app, letters, logs);
+        const Walk w = walk_afl(app, letters, FlowTrace("KOLT_ICRT_GetICCInfo", Family::icrt));
         if (w.read_result < 0) {
             result = {-22, std::string(gbk::kReadRecordError)};
         } else {
@@ -217,17 +213,11 @@ YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid
     log_text("IC_GetInfo myctagList = %s", search);
 
     YsOutcome out;
+    const FlowTrace trace("IC_GetInfo", Family::ic);
     const AppInit app = start_app_psbc(aid_text);
     device::PoweredCard card(static_cast<uint32_t>(state().slot()));
     if (app.result != 0) {
-        InitFailureLogs logs;
-        // 卡上电错误
-        logs.power_on[0] = "IC_GetInfo \xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3%s";
-        logs.power_on[1] = "IC_GetInfo KOLT_T41_InitICCardApp flag =%d";
-        logs.not_inserted = "IC_GetInfo KOLT_T41_InitICCardApp flag ICC_Contact_Not_Insert%s";
-        logs.locked = "IC_GetInfo KOLT_T41_InitICCardApp flag =%s";
-        logs.other[0] = "IC_GetInfo KOLT_T41_InitICCardApp flag not ok =%d";
-        const InitFailure failure = ic_init_failure(app.result, logs);
+        const InitFailure failure = ic_init_failure(app.result, trace);
         out.code = failure.code;
         out.text = std::string(failure.text);
         if (!failure.power_off) {
@@ -239,12 +229,7 @@ YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid
         // before the YS translation.
         fetch_ec_values(search, "GHK");
 
-        WalkLogs logs;
-        logs.entry = "IC_GetInfo nAFL i=%d";
-        logs.record = "IC_GetInfo AIPAFLBuf j=%d";
-        logs.all_found = "IC_GetInfo All TagList is finded%s";
-        logs.read_failed = "IC_GetInfo KOLT_T41_ICC_Comm_Read_Record flag =%d";
-        const Walk w = walk_afl(app, search, logs);
+        const Walk w = walk_afl(app, search, trace);
         if (w.read_result < 0) {
             out.code = -10;
             out.text = std::string(gbk::kReadRecordError);

@@ -90,25 +90,23 @@ AppInit start_app_psbc(const char* aid_text) {
 }
 
 
-InitFailure ic_init_failure(int32_t init_result, const InitFailureLogs& logs) {
+InitFailure ic_init_failure(int32_t init_result, const FlowTrace& trace) {
     switch (init_result) {
     case kInitNoResponse:
         log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag=%d", init_result);
         log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag =%d", init_result);
         return {-2, gbk::kPowerOnError, false};
     case kInitPowerOnFailed:
-        log::error_text(logs.power_on[0], "");
-        log::error_int(logs.power_on[1], init_result);
+        trace.init_power_on_failed(init_result);
         return {-1, gbk::kPowerOnError, false};
     case ICC_Contact_Not_Insert:
-        log::error_text(logs.not_inserted, "");
+        trace.init_not_inserted();
         return {-9, gbk::kContactNotInserted, true};
     case kInitAppLocked:
-        log::error_text(logs.locked, "-7");
+        trace.init_locked();
         return {-10, gbk::kCardInitError, true};
     default:
-        if (logs.other[0] != nullptr) log::error_int(logs.other[0], init_result);
-        if (logs.other[1] != nullptr) log::error_text(logs.other[1], "");
+        trace.init_other(init_result);
         return {-10, gbk::kCardInitError, true};
     }
 }

@@ -8,35 +8,35 @@
 
 namespace kolt::emv {
 
-Walk walk_afl(const AppInit& app, std::string_view letters, const WalkLogs& logs) {
+Walk walk_afl(const AppInit& app, std::string_view letters, const FlowTrace& trace) {
     Walk w;
     const int count = app.afl_entries();
     int i = 0;
     int j = 0;
     for (i = 0; i < count; ++i) {
-        if (logs.entry != nullptr) log::debug_int(logs.entry, i);
+        trace.walk_entry(i);
         const uint8_t* entry = &app.aip_afl[2 + 4 * static_cast<std::size_t>(i)];
         const int sfi = entry[0] >> 3;
         if (sfi >= kSfiLimit) continue;
         const int first = entry[1];
         const int last = entry[2];
         for (j = first; j <= last; ++j) {
-            if (logs.record != nullptr) log::debug_int(logs.record, j);
+            trace.walk_record(j);
             device::CardReply reply;
             const auto rc = static_cast<int32_t>(device::read_record(
                 static_cast<uint32_t>(state().slot()), static_cast<uint8_t>(j), static_cast<uint8_t>(sfi), reply,
                 kRecordReadTimeout));
             if (rc < 0) {
-                if (logs.read_failed != nullptr) log::error_int(logs.read_failed, rc);
+                trace.walk_read_failed(rc);
                 w.read_result = rc;
                 w.entry = i;
                 w.record = j;
                 return w;
             }
             parse_tag_value(reply.data(), 1);
-            if (logs.parsed != nullptr) log_text(logs.parsed, found_letters());
+            trace.walk_parsed(found_letters());
             if (all_found(letters)) {
-                if (logs.all_found != nullptr) log::debug_text(logs.all_found, "");
+                trace.walk_all_found();
                 w.stopped = true;
                 w.entry = i;
                 w.record = j;

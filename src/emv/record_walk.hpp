@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "emv/app_select.hpp"
+#include "emv/trace.hpp"
 
 namespace kolt::emv {
 
@@ -15,15 +16,6 @@ namespace kolt::emv {
 inline constexpr uint32_t kRecordReadTimeout = 6;
 // AFL entries naming a short file identifier from here on are not read.
 inline constexpr int kSfiLimit = 11;
-
-// Log lines of one AFL walk; nullptr writes nothing.
-struct WalkLogs {
-    const char* entry = nullptr;        // "%d" entry index
-    const char* record = nullptr;       // "%d" record number
-    const char* parsed = nullptr;       // "%s" found letters after each record
-    const char* all_found = nullptr;    // "%s" when the walk stops early
-    const char* read_failed = nullptr;  // "%d" READ RECORD result (error log)
-};
 
 struct Walk {
     int32_t read_result = 0;  // negative: the READ RECORD that failed
@@ -37,6 +29,6 @@ struct Walk {
 // found. Files with an SFI of 11 or more are skipped. After a complete walk
 // entry is the entry count and record one past the last record of the last
 // entry read.
-Walk walk_afl(const AppInit& app, std::string_view letters, const WalkLogs& logs);
+Walk walk_afl(const AppInit& app, std::string_view letters, const FlowTrace& trace);
 
 }  // namespace kolt::emv
