@@ -137,7 +137,7 @@ std::string sys_date() {
 // ---------------------------------------------------------------------------
 // ICRT core.
 
-Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, std::span<const uint8_t> aid_list,
+FlowResult icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, std::span<const uint8_t> aid_list,
                           std::string_view letters) {
     int32_t flag = 0;
     state().set_slot(do_ic_type(ic_type, &flag));
@@ -149,20 +149,20 @@ Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, std:
     init_tag_list_value();
 
     const link::Session session = open_link(term_type, port, "KOLT_ICRT_GetICCInfo KOLT_initCom flag=%d");
-    if (!session.ok()) return {-21, std::string(gbk::kPortOpenError)};
+    if (!session.ok()) return failed(Stage::link, -21, std::string(gbk::kPortOpenError));
 
-    Outcome result;
+    FlowResult result;
     const AppInit app = start_app(aid_list);
     device::PoweredCard card(static_cast<uint32_t>(state().slot()));
     if (app.result == kInitPowerOnFailed) {
         card.release();
         // 卡上电错误: the card never came up, so no power-off is sent.
         log::error_text("KOLT_ICRT_GetICCInfo \xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3%s", "");
-        return {app.result - 10, std::string(gbk::kPowerOnError)};
+        return failed(Stage::power_on, app.result - 10, std::string(gbk::kPowerOnError));
     }
     if (app.result != 0 && app.result != kInitAppLocked) {
         log::error_int("KOLT_ICRT_GetICCInfo KOLT_T41_InitICCardApp flag=%d", app.result);
-        result = {app.result - 10, std::string(gbk::kCardInitError)};
+        result = failed(Stage::init, app.result - 10, std::string(gbk::kCardInitError));
     } else {
         // A locked application (-7) is still read; the caller sees 10.
         const int32_t final_code = app.result == kInitAppLocked ? 10 : 0;
@@ -173,11 +173,11 @@ Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, std:
 
         const Walk w = walk_afl(app, letters, FlowTrace("KOLT_ICRT_GetICCInfo", Family::icrt));
         if (w.read_result < 0) {
-            result = {-22, std::string(gbk::kReadRecordError)};
+            result = failed(Stage::read_record, -22, std::string(gbk::kReadRecordError));
         } else {
             std::string info = icrt_format(letters);
             log_text("KOLT_ICRT_GetICCInfo infoBuf=%s", info);
-            result = {final_code, std::move(info)};
+            result = finished(final_code, std::move(info));
         }
     }
 
@@ -186,9 +186,9 @@ Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, std:
     return result;
 }
 
-Outcome star_get_info(std::string_view input) {
+FlowResult star_get_info(std::string_view input) {
     const StarInput in = read_star_input(input, "STAR_GetInfo", "tagList");
-    Outcome r = icrt_get_icc_info(1, in.port, 1, {}, in.field4);
+    FlowResult r = icrt_get_icc_info(1, in.port, 1, {}, in.field4);
     log_star_return("STAR_GetInfo", r.text);
     return r;
 }
@@ -196,7 +196,7 @@ Outcome star_get_info(std::string_view input) {
 // ---------------------------------------------------------------------------
 // YS core.
 
-YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid_text) {
+FlowResult ys_get_info(int32_t ic_type, std::string_view letters, const char* aid_text) {
     // The card information of this family starts with a 400 ms pause.
     link::sleep_ms(400);
     int32_t flag = 0;
@@ -212,13 +212,14 @@ YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid
     if (!contains(search, 'J')) search += 'J';
     log_text("IC_GetInfo myctagList = %s", search);
 
-    YsOutcome out;
+    FlowResult out;
     const FlowTrace trace("IC_GetInfo", Family::ic);
     const AppInit app = start_app_psbc(aid_text);
     device::PoweredCard card(static_cast<uint32_t>(state().slot()));
     if (app.result != 0) {
         const InitFailure failure = ic_init_failure(app.result, trace);
         out.code = failure.code;
+        out.stage = failure.power_off ? Stage::init : Stage::power_on;
         out.text = std::string(failure.text);
         if (!failure.power_off) {
             card.release();  // the card never came up
@@ -264,8 +265,7 @@ YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid
     return out;
 }
 
-IcInfoOutcome ic_get_info(std::string_view port_name, int32_t ic_type, const char* aid_text,
-                          std::string_view letters) {
+FlowResult ic_get_info(std::string_view port_name, int32_t ic_type, const char* aid_text, std::string_view letters) {
     set_port_name(port_name);
 
     log::set_switch(config::ini_int("icc", "log", config::kolt_ini_path()));
@@ -273,29 +273,12 @@ IcInfoOutcome ic_get_info(std::string_view port_name, int32_t ic_type, const cha
     log::debug_int("IC_GetInfo icType ===%d", ic_type);
     log::debug_int("IC_GetInfo nPortNo ===%d", 0);
 
-    IcInfoOutcome out;
     const link::Session session = link::open_teller(0, 0);
-    if (!session.ok()) {
-        out.code = -3;
-        return out;
-    }
+    if (!session.ok()) return failed(Stage::link, -3);
 
-    YsOutcome ys = ys_get_info(ic_type_from_one(ic_type), letters, aid_text);
+    FlowResult ys = ys_get_info(ic_type_from_one(ic_type), letters, aid_text);
     log::debug_int("IC_GetInfo IC_GetInfo_YS nRet=%d", ys.code);
-    out.text = std::move(ys.text);
-    out.card_kind = ys.card_kind;
-    if (ys.code == 0 && out.text) out.out_len = static_cast<int32_t>(::strnlen(out.text->c_str(), out.text->size()));
-
-    // The folding of the YS results is kept as the IC_ family defines it;
-    // the YS core itself never gives -105, -102 or -3.
-    switch (ys.code) {
-    case 0: out.code = 0; break;
-    case -105: out.code = -25; break;
-    case -102: out.code = -11; break;
-    case -3: out.code = -3; break;
-    default: out.code = -99; break;
-    }
-    return out;
+    return ys;
 }
 
 }  // namespace kolt::emv

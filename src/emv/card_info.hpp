@@ -30,47 +30,28 @@ std::string icrt_format(std::string_view letters);
 // "000").
 std::string ys_format(std::string_view letters);
 
-// What a flow hands back: its result and, when it writes one, the text for
-// the caller's output (written with a terminator after it).
-struct Outcome {
-    int32_t code = 0;
-    std::optional<std::string> text;
-};
-
 // ---------------------------------------------------------------------------
 // The ICRT core: opens the link (terminal type, port), powers the card on,
 // selects the application through the binary candidate list aid_list (may be
 // null), reads until every letter is found and returns the letters in the
 // ICRT format (letter, "%03d" length, value). 0, 10 (application locked, data
 // still read), -21 port, -11 power-on, -22 READ RECORD, init result - 10.
-Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, std::span<const uint8_t> aid_list,
+FlowResult icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, std::span<const uint8_t> aid_list,
                           std::string_view letters);
 
 // STAR_GetInfo: "|"-separated input, field 2 the port, field 4 the letters;
 // terminal type 1, contactless, no AID list. The core's outcome (the public
 // call returns 0 whatever it is).
-Outcome star_get_info(std::string_view input);
+FlowResult star_get_info(std::string_view input);
 
 // The YS core (link already open): PSBC selection with the hex AID text,
-// the YS letter translation, the card kind and the application data block.
-struct YsOutcome {
-    int32_t code = 0;
-    std::optional<std::string> text;
-    std::optional<int32_t> card_kind;      // set on success
-    std::optional<std::string> app_data;   // the block, set on success
-};
-YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid_text);
+// the YS letter translation, the card kind and the application data block
+// (both set on success).
+FlowResult ys_get_info(int32_t ic_type, std::string_view letters, const char* aid_text);
 
 // IC_GetInfo: port name into gPortName, log switch from kolt.ini, link open
-// (terminal type 0, port 0), the YS core with the IC type counted from 1,
-// result folded (0, -3 port, -99 anything else; -25/-11 never occur).
-struct IcInfoOutcome {
-    int32_t code = 0;
-    std::optional<std::string> text;
-    std::optional<int32_t> card_kind;  // into the caller's IC-type variable
-    std::optional<int32_t> out_len;    // length of the output text, on success
-};
-IcInfoOutcome ic_get_info(std::string_view port_name, int32_t ic_type, const char* aid_text,
-                          std::string_view letters);
+// (terminal type 0, port 0; -3 when it fails), the YS core with the IC type
+// counted from 1. The YS code comes back as it is; the IC_ shell folds it.
+FlowResult ic_get_info(std::string_view port_name, int32_t ic_type, const char* aid_text, std::string_view letters);
 
 }  // namespace kolt::emv

@@ -7,6 +7,17 @@
 #include "support/capi_util.hpp"
 
 using namespace kolt::emv;
+using kolt::capi::CodeMap;
+using kolt::capi::map_code;
+
+namespace {
+
+// IC_GetInfo folds the YS core's results as the IC_ family defines them
+// (the YS core itself never gives -105 or -102; -3 is the link).
+constexpr CodeMap kIcInfoCodes[] = {{0, 0}, {-105, -25}, {-102, -11}, {-3, -3}};
+constexpr int32_t kIcInfoOther = -99;
+
+}  // namespace
 
 extern "C" {
 
@@ -22,7 +33,7 @@ KOLT_API int32_t GetSysDate(char* out) {
 
 KOLT_API int32_t KOLT_ICRT_GetICCInfo(int32_t termType, int32_t port, int32_t icType, const char* aidList,
                                       const char* tagList, char* out) {
-    const Outcome r = icrt_get_icc_info(termType, port, icType, candidate_list_text(aidList),
+    const FlowResult r = icrt_get_icc_info(termType, port, icType, candidate_list_text(aidList),
                                         bounded(tagList, kFieldMax));
     kolt::capi::copy_text_if(out, r.text);
     return r.code;
@@ -34,7 +45,7 @@ KOLT_API int32_t ICRT_GetICCInfo(int32_t termType, int32_t port, int32_t icType,
 }
 
 KOLT_API int32_t STAR_GetInfo(const char* dataIn, char* out) {
-    const Outcome r = star_get_info(bounded(dataIn, kStarInputMax));
+    const FlowResult r = star_get_info(bounded(dataIn, kStarInputMax));
     kolt::capi::copy_text_if(out, r.text);
     // Always 0: a STAR_ caller tells failure from the text alone.
     return 0;
@@ -42,7 +53,7 @@ KOLT_API int32_t STAR_GetInfo(const char* dataIn, char* out) {
 
 KOLT_API int32_t IC_GetInfo_YS(int32_t icType, const char* tagList, const char* aidList, char* out,
                                int32_t* cardKind, char* appData) {
-    const YsOutcome r = ys_get_info(icType, bounded(tagList, kFieldMax), aidList);
+    const FlowResult r = ys_get_info(icType, bounded(tagList, kFieldMax), aidList);
     kolt::capi::copy_text_if(out, r.text);
     if (r.card_kind && cardKind != nullptr) *cardKind = *r.card_kind;
     if (r.app_data && appData != nullptr) std::memcpy(appData, r.app_data->data(), r.app_data->size());
@@ -56,11 +67,11 @@ KOLT_API int32_t IC_GetInfo(const char* portName, int32_t reserved1, int32_t res
     (void)reserved2;
     (void)reserved3;
     const int32_t type = icType != nullptr ? *icType : 0;
-    const IcInfoOutcome r = ic_get_info(bounded(portName, kPortNameMax), type, aidList, bounded(tagList, kFieldMax));
+    const FlowResult r = ic_get_info(bounded(portName, kPortNameMax), type, aidList, bounded(tagList, kFieldMax));
     kolt::capi::copy_text_if(out, r.text);
-    if (r.card_kind && icType != nullptr) *icType = *r.card_kind;
-    if (r.out_len && outLen != nullptr) *outLen = *r.out_len;
-    return r.code;
+    if (r.card_kind) kolt::capi::put(icType, *r.card_kind);
+    if (r.code == 0 && r.text) kolt::capi::put(outLen, ::strnlen(r.text->c_str(), r.text->size()));
+    return map_code(r.code, kIcInfoCodes, kIcInfoOther);
 }
 
 }  // extern "C"

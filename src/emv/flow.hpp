@@ -39,6 +39,49 @@ inline constexpr std::string_view kLogFormatError =
 }  // namespace gbk
 
 // ---------------------------------------------------------------------------
+// What a card flow hands back, whatever its calling convention: the core's
+// result code, where the flow ended, the text for the caller's main output
+// (data, or a failure text; written with a terminator after it) and the
+// further outputs some conventions have. Each convention's C shells map it
+// to their own codes.
+
+enum class Stage {
+    done,         // the flow ran to its end
+    link,         // the link did not open
+    power_on,     // the card did not come up
+    init,         // application selection or initiation failed
+    read_record,  // a READ RECORD failed
+    log_entry,    // the application names no transaction log
+    log_format,   // the log format could not be read
+};
+
+struct FlowResult {
+    int32_t code = 0;
+    std::optional<std::string> text;
+    std::optional<int32_t> records;        // a log read to its end: the records formatted
+    int32_t record_len = 0;                // and the length of the first
+    std::optional<int32_t> card_kind;      // IC_ family: 1 contact, 2 contactless
+    std::optional<std::string> app_data;   // IC_GetInfo's application data block
+    Stage stage = Stage::done;
+};
+
+// A flow that ended at stage with code (and the failure text, if any).
+inline FlowResult failed(Stage stage, int32_t code, std::optional<std::string> text = std::nullopt) {
+    FlowResult r;
+    r.code = code;
+    r.text = std::move(text);
+    r.stage = stage;
+    return r;
+}
+// A flow that ran to its end with code and its text.
+inline FlowResult finished(int32_t code, std::string text) {
+    FlowResult r;
+    r.code = code;
+    r.text = std::move(text);
+    return r;
+}
+
+// ---------------------------------------------------------------------------
 // Bounds of caller texts.
 
 // Tag letters of one request, and each field of a STAR_ input text: texts

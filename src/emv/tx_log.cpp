@@ -97,7 +97,7 @@ LogRead read_log(const AppInit& app, std::size_t header, const FlowTrace& trace)
 
 // ---------------------------------------------------------------------------
 
-LogOutcome icrt_get_tr_detail(int32_t term_type, int32_t port, int32_t ic_type, const char* aid_text) {
+FlowResult icrt_get_tr_detail(int32_t term_type, int32_t port, int32_t ic_type, const char* aid_text) {
     int32_t flag = 0;
     state().set_slot(do_ic_type(ic_type, &flag));
     log::debug_text("KOLT_ICRT_GetTrDetail begin......%s", "");
@@ -105,25 +105,27 @@ LogOutcome icrt_get_tr_detail(int32_t term_type, int32_t port, int32_t ic_type, 
     clear_working_state();
 
     const link::Session session = open_link(term_type, port, "KOLT_ICRT_GetTrDetail KOLT_initCom flag=%d");
-    if (!session.ok()) return {-21, std::string(gbk::kPortOpenError), std::nullopt, 0};
+    if (!session.ok()) return failed(Stage::link, -21, std::string(gbk::kPortOpenError));
 
     const AppInit app = start_app_psbc(aid_text);
     device::PoweredCard card(static_cast<uint32_t>(state().slot()));
     if (app.result == kInitPowerOnFailed) {
         card.release();
         // 卡上电错误: the card never came up, so no power-off is sent.
-        return {-11, std::string(gbk::kPowerOnError), std::nullopt, 0};
+        return failed(Stage::power_on, -11, std::string(gbk::kPowerOnError));
     }
 
-    LogOutcome out;
+    FlowResult out;
     if (app.log_entry_len < 2) {
         // Whatever the selection gave, a card without a log entry ends here.
         out.code = app.result - 10;
+        out.stage = Stage::log_entry;
         out.text = std::string(gbk::kNoLogEntry);
     } else {
         LogRead r = read_log(app, 3, FlowTrace("KOLT_ICRT_GetTrDetail", Family::icrt));
         if (r.end != LogRead::End::Complete) {
             out.code = r.end == LogRead::End::ReadFailed ? r.read_result - 22 : -23;
+            out.stage = r.end == LogRead::End::ReadFailed ? Stage::read_record : Stage::log_format;
             out.text = r.failure_text();
         } else {
             char head[16];
@@ -139,91 +141,46 @@ LogOutcome icrt_get_tr_detail(int32_t term_type, int32_t port, int32_t ic_type, 
 
     const int32_t off = card.power_off();
     log::debug_int("KOLT_ICRT_GetTrDetail KOLT_T41_ICC_Poweroff flag=%d", off);
+    out.card_kind = card_kind_of_slot(state().slot());
     return out;
 }
 
-TrDetailOutcome icrt_select_tr_detail(int32_t term_type, int32_t port, int32_t ic_type, int32_t index,
-                                      const char* aid_text) {
+FlowResult icrt_get_tr_detail_for_selection(int32_t term_type, int32_t port, int32_t ic_type, const char* aid_text) {
     log::debug_text("ICRT_GetTrDetail begin... %s", "");
-    const LogOutcome core = icrt_get_tr_detail(term_type, port, ic_type, aid_text);
+    return icrt_get_tr_detail(term_type, port, ic_type, aid_text);
+}
 
-    TrDetailOutcome out;
-    if (core.code == -11) {
-        out.code = -105;
-        return out;
-    }
-    if (core.code == -22) {
-        out.code = -102;
-        return out;
-    }
-    if (core.code == 0) {
-        out.bytes = std::string();
-        return out;
-    }
-    // Only a log read to its end gives records to hand out; any other
-    // result (a failure, or the positive code of a card missing from the
-    // contact slot) is -120.
-    if (core.code < 0 || !core.records || *core.records != core.code || !core.text) {
-        out.code = -120;
-        return out;
-    }
-    const int32_t n = core.code;
-    const std::size_t len = static_cast<std::size_t>(core.record_len);
-    const std::string& text = *core.text;
+std::optional<LogSelection> select_records(const FlowResult& log, int32_t index) {
+    // Only a log read to its end gives records to hand out.
+    if (log.code < 0 || !log.records || *log.records != log.code || !log.text) return std::nullopt;
+    const int32_t n = log.code;
+    const std::size_t len = static_cast<std::size_t>(log.record_len);
+    const std::string& text = *log.text;
     if (index == 0) {
         // Every record without the header, and no terminator: callers hand
         // in a zeroed buffer.
-        out.bytes = text.substr(3);
-        out.terminate = false;
-        return out;
+        return LogSelection{text.substr(3), false};
     }
-    if (index < 0 || index > n) {
-        out.code = -120;
-        return out;
-    }
-    out.bytes = text.substr(0, 3) + text.substr(3 + static_cast<std::size_t>(index - 1) * len, len);
-    return out;
+    if (index < 0 || index > n) return std::nullopt;
+    return LogSelection{text.substr(0, 3) + text.substr(3 + static_cast<std::size_t>(index - 1) * len, len), true};
 }
 
-LogOutcome star_get_tx_detail(std::string_view input) {
+FlowResult star_get_tx_detail(std::string_view input) {
     // Field 4 ("txdata") is traced and not used.
     const StarInput in = read_star_input(input, "STAR_GetTxDetail", "txdata");
-    LogOutcome r = icrt_get_tr_detail(1, in.port, 1, "");
+    FlowResult r = icrt_get_tr_detail(1, in.port, 1, "");
     log_star_return("STAR_GetTxDetail", r.text);
     return r;
 }
 
-TranDetaOutcome ic_get_tran_deta(std::string_view port_name, int32_t ic_type, const char* aid_text) {
-    set_port_name(port_name);
-
-    TranDetaOutcome out;
-    out.written = icrt_select_tr_detail(0, 0, ic_type_from_one(ic_type), 0, aid_text);
-    if (out.written.code == 0) {
-        // The records carry no zero byte, so the text written is exactly
-        // what strlen of a zeroed output finds.
-        const std::string& b = out.written.bytes ? *out.written.bytes : std::string();
-        out.out_len = static_cast<int32_t>(::strnlen(b.c_str(), b.size()));
-        out.card_kind = card_kind_of_slot(state().slot());
-    }
-    switch (out.written.code) {
-    case -21:
-    case -3: out.code = -3; break;
-    case -105: out.code = -25; break;
-    case -102: out.code = -11; break;
-    case 0: out.code = 0; break;
-    default: out.code = -99; break;
-    }
-    return out;
-}
-
-TxDetailOutcome ic_get_tx_detail(int32_t ic_type, std::span<const uint8_t> aid_list) {
+FlowResult ic_get_tx_detail(int32_t ic_type, std::span<const uint8_t> aid_list) {
     int32_t flag = 0;
     state().set_slot(do_ic_type(ic_type_from_one(ic_type), &flag));
     log::debug_text("IC_GetTxDetail begin......%s", "");
     log::debug_int("IC_GetTxDetail ICtype = %d", state().slot());
     clear_working_state();
 
-    TxDetailOutcome out;
+    FlowResult out;
     const FlowTrace trace("IC_GetTxDetail", Family::ic);
     const AppInit app = start_app(aid_list);
     device::PoweredCard card(static_cast<uint32_t>(state().slot()));
@@ -232,6 +189,7 @@ TxDetailOutcome ic_get_tx_detail(int32_t ic_type, std::span<const uint8_t> aid_l
         // text in the output.
         const InitFailure failure = ic_init_failure(app.result, trace);
         out.code = failure.code;
+        out.stage = failure.power_off ? Stage::init : Stage::power_on;
         if (!failure.power_off) {
             card.release();  // the card never came up
             return out;
@@ -239,12 +197,14 @@ TxDetailOutcome ic_get_tx_detail(int32_t ic_type, std::span<const uint8_t> aid_l
     } else if (app.log_entry_len < 2) {
         log::error_text("IC_GetTxDetail KOLT_T41_InitICCardApp nLogEntry error%s", "");
         out.code = -10;
+        out.stage = Stage::log_entry;
     } else {
         LogRead r = read_log(app, 2, trace);
         if (r.end != LogRead::End::Complete) {
             // A failed READ RECORD is 10, not an error code, as the IC_
             // family defines it.
             out.code = r.end == LogRead::End::ReadFailed ? 10 : -10;
+            out.stage = r.end == LogRead::End::ReadFailed ? Stage::read_record : Stage::log_format;
             out.text = r.failure_text();
         } else {
             std::string block;

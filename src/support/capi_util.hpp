@@ -58,6 +58,19 @@ inline void copy_bytes(uint8_t* out, std::span<const uint8_t> bytes) {
     if (out != nullptr && !bytes.empty()) std::memcpy(out, bytes.data(), bytes.size());
 }
 
+// One row of a calling convention's code table.
+struct CodeMap {
+    int32_t from;
+    int32_t to;
+};
+// The code a table maps code to; otherwise when no row has it.
+template <std::size_t N>
+int32_t map_code(int32_t code, const CodeMap (&table)[N], int32_t otherwise) {
+    for (const CodeMap& row : table)
+        if (row.from == code) return row.to;
+    return otherwise;
+}
+
 // Stores a value through an optional out-pointer.
 template <class T, class V>
 void put(T* out, V value) {
