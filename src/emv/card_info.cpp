@@ -196,6 +196,40 @@ FlowResult star_get_info(std::string_view input) {
 // ---------------------------------------------------------------------------
 // YS core.
 
+namespace {
+
+// The YS reading of an initiated card: the electronic-cash values, the
+// record walk, the answer, the card kind and the application data block.
+FlowResult ys_read(const AppInit& app, std::string_view letters, std::string_view search, const FlowTrace& trace) {
+    // The GET DATA triggers are tested on the caller's own letters, before
+    // the YS translation.
+    fetch_ec_values(search, "GHK");
+
+    const Walk w = walk_afl(app, search, trace);
+    if (w.read_result < 0) return failed(Stage::read_record, -10, std::string(gbk::kReadRecordError));
+
+    char pos[16];
+    std::snprintf(pos, sizeof pos, "%02d%02d", w.entry, w.record);
+    set_slot_text(kAflPosition, pos);
+    log_text("IC_GetInfo nAFL &tagListValue[nIndex][1]=%s", slot_text(kAflPosition));
+
+    FlowResult out = finished(0, ys_format(letters));
+    log_hex("IC_GetInfo infoBuf=%02x", *out.text);
+    log_text("IC_GetInfo infoBuf='%s'", *out.text);
+
+    out.card_kind = card_kind_of_slot(state().slot());
+    log::debug_int("IC_GetInfo icflag=%d", *out.card_kind);
+
+    out.app_data = app_data_block();
+    std::array<uint8_t, 128> head{};
+    std::memcpy(head.data(), out.app_data->data(), std::min(out.app_data->size(), head.size()));
+    log::debug_hex("IC_GetInfo lpicappdata=%02x", head);
+    log_slots();
+    return out;
+}
+
+}  // namespace
+
 FlowResult ys_get_info(int32_t ic_type, std::string_view letters, const char* aid_text) {
     // The card information of this family starts with a 400 ms pause.
     link::sleep_ms(400);
@@ -212,54 +246,16 @@ FlowResult ys_get_info(int32_t ic_type, std::string_view letters, const char* ai
     if (!contains(search, 'J')) search += 'J';
     log_text("IC_GetInfo myctagList = %s", search);
 
-    FlowResult out;
     const FlowTrace trace("IC_GetInfo", Family::ic);
     const AppInit app = start_app_psbc(aid_text);
     device::PoweredCard card(static_cast<uint32_t>(state().slot()));
+    FlowResult out;
     if (app.result != 0) {
-        const InitFailure failure = ic_init_failure(app.result, trace);
-        out.code = failure.code;
-        out.stage = failure.power_off ? Stage::init : Stage::power_on;
-        out.text = std::string(failure.text);
-        if (!failure.power_off) {
-            card.release();  // the card never came up
-            return out;
-        }
+        out = ic_init_result(app.result, trace, card);
+        if (out.stage == Stage::power_on) return out;
     } else {
-        // The GET DATA triggers are tested on the caller's own letters,
-        // before the YS translation.
-        fetch_ec_values(search, "GHK");
-
-        const Walk w = walk_afl(app, search, trace);
-        if (w.read_result < 0) {
-            out.code = -10;
-            out.text = std::string(gbk::kReadRecordError);
-        } else {
-            char pos[16];
-            std::snprintf(pos, sizeof pos, "%02d%02d", w.entry, w.record);
-            set_slot_text(kAflPosition, pos);
-            log_text("IC_GetInfo nAFL &tagListValue[nIndex][1]=%s", slot_text(kAflPosition));
-
-            std::string info = ys_format(letters);
-            log_hex("IC_GetInfo infoBuf=%02x", info);
-            log_text("IC_GetInfo infoBuf='%s'", info);
-
-            const int32_t kind = card_kind_of_slot(state().slot());
-            log::debug_int("IC_GetInfo icflag=%d", kind);
-
-            std::string block = app_data_block();
-            std::array<uint8_t, 128> head{};
-            std::memcpy(head.data(), block.data(), std::min(block.size(), head.size()));
-            log::debug_hex("IC_GetInfo lpicappdata=%02x", head);
-            log_slots();
-
-            out.code = 0;
-            out.text = std::move(info);
-            out.card_kind = kind;
-            out.app_data = std::move(block);
-        }
+        out = ys_read(app, letters, search, trace);
     }
-
     const int32_t off = card.power_off();
     log::debug("IC_GetInfo KOLT_T41_ICC_Poweroff flag=%x", &off, 4);
     return out;

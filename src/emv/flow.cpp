@@ -111,6 +111,12 @@ InitFailure ic_init_failure(int32_t init_result, const FlowTrace& trace) {
     }
 }
 
+FlowResult ic_init_result(int32_t init_result, const FlowTrace& trace, device::PoweredCard& card) {
+    const InitFailure failure = ic_init_failure(init_result, trace);
+    if (!failure.power_off) card.release();  // the card never came up
+    return failed(failure.power_off ? Stage::init : Stage::power_on, failure.code, std::string(failure.text));
+}
+
 void log_text(const char* format, std::string_view text) {
     if (text.empty()) {
         log::debug_text(format, "");

@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 
+#include "device/icc.hpp"
 #include "emv/app_select.hpp"
 #include "emv/trace.hpp"
 #include "link/session.hpp"
@@ -157,6 +158,9 @@ struct InitFailure {
 };
 // The error-log lines are the core's (see FlowTrace).
 InitFailure ic_init_failure(int32_t init_result, const FlowTrace& trace);
+// The same as a flow result (with the text the card information call
+// writes); a card that never came up is released, not powered off.
+FlowResult ic_init_result(int32_t init_result, const FlowTrace& trace, device::PoweredCard& card);
 
 // ---------------------------------------------------------------------------
 

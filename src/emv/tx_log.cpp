@@ -187,13 +187,9 @@ FlowResult ic_get_tx_detail(int32_t ic_type, std::span<const uint8_t> aid_list) 
     if (app.result != 0) {
         // The same codes as the card information of the IC_ family, but no
         // text in the output.
-        const InitFailure failure = ic_init_failure(app.result, trace);
-        out.code = failure.code;
-        out.stage = failure.power_off ? Stage::init : Stage::power_on;
-        if (!failure.power_off) {
-            card.release();  // the card never came up
-            return out;
-        }
+        out = ic_init_result(app.result, trace, card);
+        out.text.reset();
+        if (out.stage == Stage::power_on) return out;
     } else if (app.log_entry_len < 2) {
         log::error_text("IC_GetTxDetail KOLT_T41_InitICCardApp nLogEntry error%s", "");
         out.code = -10;
