@@ -11,6 +11,7 @@
 #include "common/test_util.hpp"
 #include "kolt/kolt.h"
 #include "support/hex.hpp"
+#include "support/text.hpp"
 
 using kolt::test::bytes;
 using kolt::test::read_file;

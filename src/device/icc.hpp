@@ -99,7 +99,7 @@ uint32_t get_data(uint32_t slot, std::span<const uint8_t, 2> tag, std::span<uint
 
 // Opens the link, powers the slot on and off again, closes the link.
 // -1 when the link or the power-on fails, else the power-off result.
-int32_t psam_operate(int32_t term_type, const char* tty_name, int32_t port, const char* transfer, uint32_t slot);
+int32_t psam_operate(int32_t term_type, std::string_view tty_name, int32_t port, std::string_view transfer, uint32_t slot);
 
 // The slot byte the reader is addressed with.
 inline uint8_t slot_byte(uint32_t slot) { return static_cast<uint8_t>(slot & 0xFF); }

@@ -11,6 +11,7 @@
 #include "kolt/kolt.h"
 #include "support/hex.hpp"
 #include "support/log.hpp"
+#include "support/random.hpp"
 
 namespace kolt::emv {
 
@@ -86,7 +87,7 @@ int32_t run_init(uint32_t timeout, uint32_t slot, std::span<const uint8_t> candi
     out.afl_count = 0;
     out.log_entry_len = 0;
     uint8_t random[4] = {};
-    KOLT_GetRandByte(random, 4);
+    support::random_bytes(random);
 
     const int32_t power = device::power_on(slot, timeout, &ssICType);
     log::debug_int("KOLT_T41_InitICCardApp KOLT_T41_ICC_Poweron flag=%d", power);
@@ -260,26 +261,3 @@ int32_t card_app_state(uint32_t slot) {
 }
 
 }  // namespace kolt::emv
-
-// ===========================================================================
-// Exported C shells. aipAfl and logEntry hold 256 bytes.
-
-extern "C" {
-
-KOLT_API int32_t KOLT_T41_InitICCardApp(uint32_t timeout, uint32_t slot, const uint8_t* aidList, uint8_t* aipAfl,
-                                        int32_t* aflCount, uint8_t* logEntry, int32_t* logEntryLen) {
-    if (aipAfl == nullptr || aflCount == nullptr || logEntry == nullptr || logEntryLen == nullptr) return Para_Error;
-    return kolt::emv::init_icc_app(timeout, slot, aidList, std::span<uint8_t, 256>(aipAfl, 256), *aflCount,
-                                   std::span<uint8_t, 256>(logEntry, 256), *logEntryLen);
-}
-
-KOLT_API int32_t KOLT_T41_InitICCardApp_PSBC(uint32_t timeout, uint32_t slot, const char* aidText, uint8_t* aipAfl,
-                                             int32_t* aflCount, uint8_t* logEntry, int32_t* logEntryLen) {
-    if (aipAfl == nullptr || aflCount == nullptr || logEntry == nullptr || logEntryLen == nullptr) return Para_Error;
-    return kolt::emv::init_icc_app_psbc(timeout, slot, aidText, std::span<uint8_t, 256>(aipAfl, 256), *aflCount,
-                                        std::span<uint8_t, 256>(logEntry, 256), *logEntryLen);
-}
-
-KOLT_API int32_t KOLT_T41_ICC_GetCardAppState(uint32_t slot) { return kolt::emv::card_app_state(slot); }
-
-}  // extern "C"

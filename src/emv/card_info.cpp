@@ -17,6 +17,7 @@
 #include "link/port.hpp"
 #include "support/config.hpp"
 #include "support/hex.hpp"
+#include "support/text.hpp"
 #include "support/log.hpp"
 
 namespace kolt::emv {
@@ -209,15 +210,14 @@ Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, cons
     clear_working_state();
     init_tag_list_value();
 
-    const auto type = open_link(term_type, port, "KOLT_ICRT_GetICCInfo KOLT_initCom flag=%d");
-    if (!type) return {-21, std::string(gbk::kPortOpenError)};
+    const link::Session session = open_link(term_type, port, "KOLT_ICRT_GetICCInfo KOLT_initCom flag=%d");
+    if (!session.ok()) return {-21, std::string(gbk::kPortOpenError)};
 
     Outcome result;
     const AppInit app = start_app(aid_list);
     if (app.result == kInitPowerOnFailed) {
         // 卡上电错误: the card never came up, so no power-off is sent.
         log::error_text("KOLT_ICRT_GetICCInfo \xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3%s", "");
-        close_link(*type, port);
         return {app.result - 10, std::string(gbk::kPowerOnError)};
     }
     if (app.result != 0 && app.result != kInitAppLocked) {
@@ -247,7 +247,6 @@ Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, cons
 
     const int32_t off = power_off_card();
     log::debug("getIdCardInfo KOLT_T41_ICC_Poweroff flag=%x", &off, 4);
-    close_link(*type, port);
     return result;
 }
 
@@ -346,8 +345,8 @@ IcInfoOutcome ic_get_info(std::string_view port_name, int32_t ic_type, const cha
     log::debug_int("IC_GetInfo nPortNo ===%d", 0);
 
     IcInfoOutcome out;
-    if (link::ic_init_com(0, 0) != 0) {
-        link::ic_close_com(0, 0);
+    const link::Session session = link::open_teller(0, 0);
+    if (!session.ok()) {
         out.code = -3;
         return out;
     }
@@ -367,7 +366,6 @@ IcInfoOutcome ic_get_info(std::string_view port_name, int32_t ic_type, const cha
     case -3: out.code = -3; break;
     default: out.code = -99; break;
     }
-    link::ic_close_com(0, 0);
     return out;
 }
 

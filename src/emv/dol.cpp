@@ -102,16 +102,3 @@ int build_dol(std::span<const uint8_t> dol, std::span<const uint8_t, 4> random, 
 }
 
 }  // namespace kolt::emv
-
-extern "C" {
-
-KOLT_API int32_t KOLT_GetApduDataFromCDOL(const uint8_t* dol, int32_t dolLen, const uint8_t* random, uint8_t* out,
-                                          int32_t* outLen) {
-    if (outLen != nullptr) *outLen = 0;
-    if (dol == nullptr || dolLen <= 0 || random == nullptr || out == nullptr || outLen == nullptr) return -1;
-    return kolt::emv::build_dol(std::span<const uint8_t>(dol, static_cast<std::size_t>(dolLen)),
-                                std::span<const uint8_t, 4>(random, 4),
-                                std::span<uint8_t>(out, kolt::emv::kDolRoom), *outLen);
-}
-
-}  // extern "C"

@@ -9,6 +9,7 @@
 #include "kolt/kolt.h"
 #include "link/port.hpp"
 #include "support/log.hpp"
+#include "support/text.hpp"
 
 namespace kolt::emv {
 
@@ -24,10 +25,9 @@ std::string_view bounded(const char* text, std::size_t max) {
 std::string star_field(std::string_view input, int k) {
     // The input is split with the library's field helper on a bounded copy;
     // the field is then cut to the 256-byte field buffer.
-    const std::string text(input.substr(0, kStarInputMax));
-    std::string field(text.size() + 1, '\0');
-    KOLT_GetSubStr(text.c_str(), field.data(), '|', k);
-    field.resize(::strnlen(field.c_str(), field.size()));
+    std::string_view text = input.substr(0, kStarInputMax);
+    text = text.substr(0, text.find('\0'));
+    std::string field(support::sub_field(text, '|', k).field);
     if (field.size() > kFieldMax) field.resize(kFieldMax);
     return field;
 }
@@ -75,18 +75,11 @@ int32_t ic_type_from_one(int32_t caller_type) {
 
 int32_t card_kind_of_slot(int32_t slot) { return slot == 255 ? 2 : 1; }
 
-std::optional<int> open_link(int32_t term_type, int32_t port, const char* failure_log) {
-    const int type = link::do_term_type(term_type);
-    const int opened = link::init_com(type, "", port, "");
-    if (opened < 0) {
-        log::error_int(failure_log, opened);
-        link::free_com(type, port);
-        return std::nullopt;
-    }
-    return type;
+link::Session open_link(int32_t term_type, int32_t port, const char* failure_log) {
+    link::Session session = link::open_teller(term_type, port);
+    if (!session.ok()) log::error_int(failure_log, session.result());
+    return session;
 }
-
-void close_link(int type, int32_t port) { link::free_com(type, port); }
 
 AppInit start_app(const uint8_t* aid_list) {
     return init_app(kInitTimeout, static_cast<uint32_t>(ssICType), candidate_list_bytes(aid_list));

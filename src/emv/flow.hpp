@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "emv/app_select.hpp"
+#include "link/session.hpp"
 
 namespace kolt::emv {
 
@@ -89,10 +90,8 @@ int32_t card_kind_of_slot(int32_t slot);
 // ---------------------------------------------------------------------------
 // Link of the ICRT family: KOLT_DoTermType, then KOLT_initCom with the port.
 // On failure the flow's log line (format with one "%d") goes to the error
-// log, the link is released and nullopt comes back; otherwise the terminal
-// type to close it with.
-std::optional<int> open_link(int32_t term_type, int32_t port, const char* failure_log);
-void close_link(int type, int32_t port);
+// log. The link is released when the session ends, whether it opened or not.
+link::Session open_link(int32_t term_type, int32_t port, const char* failure_log);
 
 // Application selection and initiation as the information and log flows
 // use it (time-out 20 s, slot ssICType, which power-on rewrites).

@@ -115,13 +115,12 @@ LogOutcome icrt_get_tr_detail(int32_t term_type, int32_t port, int32_t ic_type, 
     log::debug_int("KOLT_ICRT_GetICCInfo ICtype = %d", ssICType);
     clear_working_state();
 
-    const auto type = open_link(term_type, port, "KOLT_ICRT_GetTrDetail KOLT_initCom flag=%d");
-    if (!type) return {-21, std::string(gbk::kPortOpenError), std::nullopt, 0};
+    const link::Session session = open_link(term_type, port, "KOLT_ICRT_GetTrDetail KOLT_initCom flag=%d");
+    if (!session.ok()) return {-21, std::string(gbk::kPortOpenError), std::nullopt, 0};
 
     const AppInit app = start_app_psbc(aid_text);
     if (app.result == kInitPowerOnFailed) {
         // 卡上电错误: the card never came up, so no power-off is sent.
-        close_link(*type, port);
         return {-11, std::string(gbk::kPowerOnError), std::nullopt, 0};
     }
 
@@ -155,7 +154,6 @@ LogOutcome icrt_get_tr_detail(int32_t term_type, int32_t port, int32_t ic_type, 
 
     const int32_t off = power_off_card();
     log::debug_int("KOLT_ICRT_GetTrDetail KOLT_T41_ICC_Poweroff flag=%d", off);
-    close_link(*type, port);
     return out;
 }
 

@@ -84,12 +84,6 @@ std::string entry_value(std::string& line, std::string_view key) {
     return value;
 }
 
-void copy_out(char* out, const std::string& bytes) {
-    if (out == nullptr) return;
-    const size_t n = bytes.size() > kExtValueMax ? kExtValueMax : bytes.size();
-    std::memcpy(out, bytes.data(), n);
-    out[n] = 0;
-}
 
 }  // namespace
 
@@ -99,14 +93,14 @@ std::string extfile_path() {
     return std::string(home) + "/lxbs/font/idcread.ext";
 }
 
-std::string hex_value(std::string_view value) {
+std::string bytes_of_hex(std::string_view value) {
     const auto bytes = kolt::support::from_hex(value);
     return std::string(bytes.begin(), bytes.end());
 }
 
 std::string convert_value(std::string_view value) {
     if (value.size() < 2) return {};
-    if (value.substr(0, 2) == "1B") return hex_value(value);
+    if (value.substr(0, 2) == "1B") return bytes_of_hex(value);
     std::string out;
     for (size_t i = 0; i < value.size(); ++i) {
         if (value.substr(i, 4) == "\\033") {
@@ -181,7 +175,7 @@ int read_transfer_command(const std::string& path, std::string_view type_text, s
         if (contains(line, key)) {
             // Matched by substring like the terminal keys; pass-through values
             // are always hex text.
-            out = capped(hex_value(entry_value(line, key)));
+            out = capped(bytes_of_hex(entry_value(line, key)));
             log::debug_hex("getTransferCmdFromExtfile KOLT_getValueFromStr BPCommand=%02x", as_bytes(out));
             return 0;
         }
@@ -190,74 +184,3 @@ int read_transfer_command(const std::string& path, std::string_view type_text, s
 }
 
 }  // namespace kolt::link
-
-// ---------------------------------------------------------------------------
-// C interface. Every output receives at most 255 bytes and a terminator.
-
-namespace kl = kolt::link;
-
-extern "C" {
-
-KOLT_API int32_t KOLT_getTermCmdFromExtfile(const char* typeText, const char* portText, char* openOut,
-                                            char* closeOut, char* lockOut, char* unlockOut, char* leadOut,
-                                            char* endOut) {
-    for (char* out : {openOut, closeOut, lockOut, unlockOut, leadOut, endOut})
-        if (out != nullptr) out[0] = 0;
-    const std::string path = kl::extfile_path();
-    kolt::log::debug_text("getTermCmdFromExtfile idcread.ext path=%s", path.c_str());
-    kl::TermCommands cmds;
-    const int n = kl::read_term_commands(path, typeText ? typeText : "", portText ? portText : "", cmds);
-    kl::copy_out(openOut, cmds.open);
-    kl::copy_out(closeOut, cmds.close);
-    kl::copy_out(lockOut, cmds.lock);
-    kl::copy_out(unlockOut, cmds.unlock);
-    kl::copy_out(leadOut, cmds.lead);
-    kl::copy_out(endOut, cmds.end);
-    return n;
-}
-
-KOLT_API int32_t KOLT_getTransferCmdFromExtfile(const char* typeText, const char* letter, char* out) {
-    const std::string path = kl::extfile_path();
-    kolt::log::debug_text("getTransferCmdFromExtfile idcread.ext path=%s", path.c_str());
-    std::string bytes;
-    const int rc = kl::read_transfer_command(path, typeText ? typeText : "", letter ? letter : "", bytes);
-    if (rc == 0) kl::copy_out(out, bytes);
-    return rc;
-}
-
-KOLT_API int32_t KOLT_getValueFromStr(char* line, const char* key, char* out) {
-    if (line == nullptr || key == nullptr) return -1;
-    std::string text(line);
-    std::string value;
-    const bool found = kolt::config::value_from_line(text, key, value);
-    // The line is edited in place (tabs and line end removed); it only
-    // gets shorter.
-    std::memcpy(line, text.c_str(), text.size() + 1);
-    if (!found) return -1;
-    kl::copy_out(out, value);
-    return 0;
-}
-
-KOLT_API int32_t KOLT_getValueFromFile(const char* path, const char* key, char* out) {
-    if (path == nullptr || key == nullptr) return -1;
-    std::string value;
-    const int rc = kolt::config::value_from_file(path, key, value);
-    if (rc == 0) kl::copy_out(out, value);
-    return rc;
-}
-
-KOLT_API int32_t getStrFirstChar(const char* text) {
-    if (text == nullptr) return 0;
-    return static_cast<unsigned char>(kolt::config::first_char(text));
-}
-
-KOLT_API int32_t convertStr2Bytebuf(const char* value, char* out) {
-    if (out == nullptr) return 0;
-    std::memset(out, 0, 8);
-    if (value == nullptr) return 0;
-    const std::string bytes = kl::convert_value(value);
-    kl::copy_out(out, bytes);
-    return static_cast<int32_t>(bytes.size() > kl::kExtValueMax ? kl::kExtValueMax : bytes.size());
-}
-
-}  // extern "C"

@@ -43,6 +43,6 @@ int read_transfer_command(const std::string& path, std::string_view type_text, s
 std::string convert_value(std::string_view value);
 
 // Hex text to bytes, the pass-through value encoding.
-std::string hex_value(std::string_view value);
+std::string bytes_of_hex(std::string_view value);
 
 }  // namespace kolt::link

@@ -5,10 +5,6 @@
 
 #include <algorithm>
 
-extern "C" {
-KOLT_API char gPortName[32] = {0};
-}
-
 namespace kolt::link {
 
 LinkState& state() {

@@ -17,6 +17,7 @@
 #include "link/extfile.hpp"
 #include "link/frame.hpp"
 #include "link/io.hpp"
+#include "link/session.hpp"
 #include "support/log.hpp"
 
 namespace kolt::link {
@@ -247,8 +248,7 @@ int get_bp_command(std::string_view type_text, std::string_view port_text, std::
         // Only terminal type 1 has pass-through ports.
         const long long index = (type - 1) * 5 + n - 1;
         if (index < 0 || index >= static_cast<long long>(transferCmd.size())) return -1;
-        std::memset(out.data(), 0, 8);
-        KOLT_hexstrtointBuf(transferCmd[static_cast<std::size_t>(index)], reinterpret_cast<uint8_t*>(out.data()));
+        copy_seq(out, bytes_of_hex(transferCmd[static_cast<std::size_t>(index)]));
         return 0;
     }
     std::string letter = port_str;
@@ -397,82 +397,12 @@ int free_com(int type, int port) {
 }
 
 int ic_init_com(int term_type, int port) {
-    const int type = do_term_type(term_type);
-    if (init_com(type, "", port, "") < 0) {
-        free_com(type, port);
-        return -21;
-    }
+    Session link = open_teller(term_type, port);
+    if (!link.ok()) return -21;  // released when the session ends
+    link.release();
     return 0;
 }
 
 int ic_close_com(int term_type, int port) { return free_com(do_term_type(term_type), port); }
 
 }  // namespace kolt::link
-
-// ---------------------------------------------------------------------------
-// C interface.
-
-using namespace kolt;
-
-namespace {
-std::string_view sv(const char* p) { return p ? std::string_view(p) : std::string_view(); }
-}  // namespace
-
-extern "C" {
-
-KOLT_API int32_t KOLT_DoTermType(int32_t termType) { return link::do_term_type(termType); }
-
-KOLT_API int32_t IC_initCom(int32_t termType, int32_t port) { return link::ic_init_com(termType, port); }
-
-KOLT_API int32_t IC_CloseCom(int32_t termType, int32_t port) { return link::ic_close_com(termType, port); }
-
-KOLT_API int32_t KOLT_initCom(int32_t type, const char* ttyName, int32_t port, const char* transfer) {
-    return link::init_com(type, sv(ttyName), port, sv(transfer));
-}
-
-KOLT_API int32_t KOLT_freeCom(int32_t type, int32_t port, const char* transfer) {
-    (void)transfer;
-    return link::free_com(type, port);
-}
-
-KOLT_API int32_t KOLT_openComOrAux(const char* ttyName, const char* typeText, const char* portText,
-                                   const char* transferType, const char* transferData) {
-    return link::open_com_or_aux(sv(ttyName), sv(typeText), sv(portText), sv(transferType), sv(transferData));
-}
-
-KOLT_API int32_t KOLT_closeComOrAux(const char* typeText, const char* portText) {
-    return link::close_com_or_aux(sv(typeText), sv(portText));
-}
-
-KOLT_API int32_t KOLT_closeAux(const char* typeText, const char* portText) {
-    return link::close_aux(sv(typeText), sv(portText));
-}
-
-KOLT_API int32_t KOLT_connectDevice(const char* ttyName, const char* typeText, const char* portText,
-                                    const char* transferTypeText, const char* transferPort) {
-    return link::connect_device(sv(ttyName), sv(typeText), sv(portText), sv(transferTypeText), sv(transferPort));
-}
-
-KOLT_API int32_t KOLT_disconnectDevice(const char* typeText, const char* portText) {
-    return link::disconnect_device(sv(typeText), sv(portText));
-}
-
-KOLT_API int32_t KOLT_getAuxCmdOnTermtypeAuxno(const char* typeText, const char* portText, char* openOut,
-                                               char* closeOut) {
-    if (openOut == nullptr || closeOut == nullptr) return Para_Error;
-    return link::get_aux_cmd(sv(typeText), sv(portText), std::span<char, link::kSeqSize>(openOut, link::kSeqSize),
-                             std::span<char, link::kSeqSize>(closeOut, link::kSeqSize));
-}
-
-KOLT_API int32_t KOLT_getBPCommand(const char* typeText, const char* transferPort, char* out) {
-    if (out == nullptr) return Para_Error;
-    return link::get_bp_command(sv(typeText), sv(transferPort), std::span<char, link::kSeqSize>(out, link::kSeqSize));
-}
-
-KOLT_API int32_t KOLT_openCom(int32_t port, int32_t baud) { return link::open_com(port, baud); }
-
-KOLT_API int32_t KOLT_setTerm(void) { return link::set_term(); }
-
-KOLT_API int32_t KOLT_resetTerm(void) { return link::reset_term(); }
-
-}  // extern "C"

@@ -98,9 +98,6 @@ int decode_raw(uint8_t* buf, int len) {
     return g * 3;
 }
 
-// Room the decoder needs for len characters: up to the next multiple of 4.
-size_t padded_size(int len) { return (static_cast<size_t>(len) + 3) / 4 * 4; }
-
 }  // namespace
 
 int encode_in_place(std::span<uint8_t> buf, int len) {
@@ -136,18 +133,3 @@ std::vector<uint8_t> decode(std::string_view text) {
 }
 
 }  // namespace kolt::base64
-
-extern "C" {
-
-KOLT_API int32_t KOLT_Base64(uint8_t* buf, int32_t len) {
-    const int text = kolt::base64::encoded_size(len);
-    if (buf == nullptr || text < 0) return 0;
-    return kolt::base64::encode_in_place(std::span<uint8_t>(buf, static_cast<size_t>(text) + 1), len);
-}
-
-KOLT_API int32_t KOLT_UnBase64(uint8_t* buf, int32_t len) {
-    if (buf == nullptr || len < 0) return 0;
-    return kolt::base64::decode_in_place(std::span<uint8_t>(buf, kolt::base64::padded_size(len)), len);
-}
-
-}  // extern "C"

@@ -18,6 +18,9 @@ constexpr int encoded_size(int len) {
     return n > 0x7FFFFFFF - 1 ? -1 : static_cast<int>(n);
 }
 
+// Room the decoder needs for len characters: up to the next multiple of 4.
+constexpr std::size_t padded_size(int len) { return (static_cast<std::size_t>(len) + 3) / 4 * 4; }
+
 // Replaces the first len bytes of buf with their Base64 text and returns its
 // length. A remainder of 1 or 2 bytes also gets a terminating 0 after the
 // text; a whole number of groups gets none (callers use the length).

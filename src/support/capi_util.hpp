@@ -49,7 +49,7 @@ inline void copy_text(char* out, std::string_view text, std::size_t room = SIZE_
 }
 
 // copy_text of a result that may hold no text (then nothing is written).
-inline void copy_text(char* out, const std::optional<std::string>& text) {
+inline void copy_text_if(char* out, const std::optional<std::string>& text) {
     if (text) copy_text(out, std::string_view(*text));
 }
 

@@ -1,7 +1,5 @@
-// Hex text, BCD and string helpers. The exported C functions (KOLT_hexstrtoint,
-// BCDBuf2HexCharBuf, Decimal2BCDBuf, KOLT_strpos, ...) are declared in
-// kolt/kolt.h and may be called directly; these are the C++ conveniences
-// over the same rules.
+// Hex text and BCD: the rules behind the exported KOLT_hexstrtoint,
+// BCDBuf2HexCharBuf, Decimal2BCDBuf and their kin.
 #pragma once
 
 #include <cstdint>
@@ -11,6 +9,15 @@
 #include <vector>
 
 namespace kolt::support {
+
+// Value of one hex digit character: 0x30..0x3A are 0..10 (the colon
+// counts as ten), A-F/a-f 10..15, anything else 0.
+uint32_t hex_digit(unsigned char c);
+
+// One pair of characters of text (len characters) from pos read as base-16
+// text (strtol: leading blanks and a sign are accepted, conversion stops at
+// the first non-digit; none gives 0). Characters past len read as none.
+uint8_t pair_value(const char* text, size_t len, size_t pos);
 
 // Bytes as upper-case hex digits ("5A0F").
 std::string to_hex_upper(std::span<const uint8_t> bytes);
@@ -26,12 +33,5 @@ uint32_t hex_value(std::string_view text);
 // Decimal digit text packed two digits a byte ("156" gives 01 56); a leading
 // "0" is added for an odd count. Pairs are read as base-16 text.
 std::vector<uint8_t> pack_bcd(std::string_view digits);
-
-// Replaces every from by to (the KOLT_strreplace rule, without its
-// 1023-character working limit).
-std::string replace_all(std::string text, std::string_view from, std::string_view to);
-
-// Whole-file read; false when the file cannot be opened.
-bool read_file(const std::string& path, std::vector<uint8_t>& out);
 
 }  // namespace kolt::support

@@ -40,10 +40,6 @@ std::string local_time(std::time_t when, const char* format) {
     return buf;
 }
 
-std::string now_as(const char* format) { return local_time(std::time(nullptr), format); }
-
-// Copies text with its terminator into a caller's buffer.
-void copy_text(char* out, const std::string& text) { std::memcpy(out, text.c_str(), text.size() + 1); }
 
 void write_to_dir(const std::string& dir, const char* format, const void* data, int len) {
     ::mkdir(dir.c_str(), 0775);  // an existing directory is no error
@@ -63,6 +59,8 @@ void reset() {
     g_write_debug_log = 0;
     g_log_path.clear();
 }
+
+std::string now_as(const char* format) { return local_time(std::time(nullptr), format); }
 
 int switch_value() { return g_write_debug_log; }
 void set_switch(int value) { g_write_debug_log = value; }
@@ -196,62 +194,3 @@ void error(const char* format, const void* data, int len) {
 }
 
 }  // namespace kolt::log
-
-// ---------------------------------------------------------------------------
-// C interface
-
-extern "C" {
-
-KOLT_API void KOLT_debugWriteLogLen(const char* format, const void* data, int32_t len) {
-    kolt::log::debug(format, data, len);
-}
-
-KOLT_API void KOLT_errorWriteLogLen(const char* format, const void* data, int32_t len) {
-    kolt::log::error(format, data, len);
-}
-
-KOLT_API void KOLT_writeLog(const char* path, const char* format, const void* data, int32_t len) {
-    kolt::log::write_entry(path, format, data, len);
-}
-
-KOLT_API int32_t getNowYearMonth(char* out) {
-    if (out == nullptr) return -1;
-    kolt::log::copy_text(out, kolt::log::now_as("%Y%m"));
-    return 0;
-}
-
-KOLT_API int32_t KOLT_getcurrenttime(char* out) {
-    if (out == nullptr) return -1;
-    kolt::log::copy_text(out, kolt::log::now_as("%Y%m%d%H%M%S"));
-    return 0;
-}
-
-KOLT_API uint32_t GetTickCount(void) {
-    struct timespec ts {};
-    ::clock_gettime(CLOCK_MONOTONIC, &ts);
-    const uint64_t ms = static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
-    return static_cast<uint32_t>(ms);
-}
-
-// Removes everything in the executable's KTLog directory, whatever its age.
-// The application calls it; the library itself never does.
-KOLT_API int32_t DeleteLogFilesOneMonthAgo(void) {
-    const std::string dir = kolt::log::exe_dir() + "KTLog";
-    const std::string cmd = kolt::log::delete_command(dir);
-    std::printf("Record: %s.\n", cmd.c_str());
-    std::fflush(stdout);
-    const int rc = std::system(cmd.c_str());
-    (void)rc;
-    return 0;
-}
-
-KOLT_API int32_t KOLT_InitLogDir(char* out) {
-    if (out == nullptr) return 0;
-    std::string dir;
-    if (kolt::config::value_from_file(kolt::config::home_config_path(), "logdir", dir) != 0) dir = "/tmp";
-    dir.resize(std::min<size_t>(dir.size(), 255));
-    std::memcpy(out, dir.c_str(), dir.size() + 1);
-    return 0;
-}
-
-}  // extern "C"

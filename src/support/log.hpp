@@ -68,6 +68,9 @@ std::string shell_quote(const std::string& text);
 // with <dir> quoted by shell_quote (the "/*" stays outside the quotes).
 std::string delete_command(const std::string& dir);
 
+// The local time now through a strftime format.
+std::string now_as(const char* format);
+
 // Local time as "YYYY-MM-DD HH:MM:SS mmm".
 std::string timestamp();
 

@@ -19,9 +19,19 @@
 
 namespace kolt::tlv {
 
+// The tag at src (one or two bytes, see tag_size); false for a null src.
+bool parse_tag(tlv_t& item, const uint8_t* src);
+// The length at p and where the value starts (none for a length byte of
+// 00); false for a first length byte outside 00..7F, 81, 82, 83.
+bool parse_length(tlv_field_t& val, const uint8_t* p);
 // One item at the start of src: the tag, length and whole value must lie
-// within src. nullopt on a bad length byte or when anything runs past the end.
+// within src. False on a bad length byte or when anything runs past the end.
+bool parse_into(tlv_t& item, std::span<const uint8_t> src);
 std::optional<tlv_t> parse_one(std::span<const uint8_t> src);
+
+// Number of items that tile src; on a bad item -1 when strict is 1, else
+// the count of the items before it.
+int32_t count(std::span<const uint8_t> src, int strict);
 
 // Byte count of an item from its tag to the end of its value.
 size_t item_size(const tlv_t& item, const uint8_t* start);
@@ -115,6 +125,15 @@ struct Found {
     std::span<const uint8_t> value;   // empty unless code >= 0
 };
 Found find(std::span<const uint8_t> src, std::span<const uint8_t> tag);
+
+// Value of tag inside the one-byte templates named by path, each found
+// among the items of the one before: -1 when a template is missing or
+// malformed, -2 when one is empty, -3 when the tag is not in the last.
+Found find_in_template(std::span<const uint8_t> src, std::span<const uint8_t> tag, std::span<const uint8_t> path);
+
+// Length bytes of a value length: the count written into out, 0 for a
+// length the codec refuses (exactly 128, or above 0xFFFFFF).
+int encode_length(uint32_t length, uint8_t (&out)[4]);
 
 // Tag, length and value as bytes; nullopt for a bad tag or a length the
 // codec refuses (exactly 128, or above 0xFFFFFF).
