@@ -79,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     const std::string value = Input::str(content);
     (void)kl::convert_value(value);
-    (void)kl::hex_value(value);
+    (void)kl::bytes_of_hex(value);
 
     const auto c_type = Heap::text(type);
     const auto c_port = Heap::text(port);
