@@ -302,7 +302,7 @@ KOLT_API int32_t KOLT_T41_ParseTagValue(const uint8_t *reply, int32_t len, int32
 KOLT_API int32_t KOLT_T41_GetTagValue(const uint8_t *reply, int32_t len, const char *tag, uint8_t *out, int32_t *outLen, int32_t strict); /* value of tag (any depth) into out (256 bytes); set *outLen = -1 first; -1 already set, -2 undecodable, top-level length or 0 */
 KOLT_API int32_t KOLT_T41_ICC_PareseSecondTrackData(void);                          /* track 2 (E) split into account number (A) and YYMM (I); -1 when none is held */
 KOLT_API int32_t KOLT_GetApduDataFromCDOL(const uint8_t *dol, int32_t dolLen, const uint8_t *random, uint8_t *out, int32_t *outLen); /* DOL data into out (256 bytes), random = 4 bytes; 0, -1 empty DOL or data too long */
-KOLT_API int32_t KOLT_T41_ParseOneRecord(const uint8_t *record, char *out);         /* 45-byte log record to lettered text P..X (106 characters and a terminator); returns its length */
+KOLT_API int32_t KOLT_T41_ParseOneRecord(const uint8_t *record, char *out);         /* 45-byte log record to lettered text P..X; out needs 108 bytes (106 characters, 107 when the ATC is 10000 or more, and a terminator); returns its length */
 KOLT_API int32_t KOLT_SetTLV(const uint8_t *tag, int32_t len, const uint8_t *value, uint8_t *out); /* tag, one length byte, value; returns bytes written, -1 for len outside 0..255 */
 /* Application initiation: aidList = count byte, then per candidate a length byte and the AID (may be NULL);
  * aipAfl (256 bytes) receives AIP and AFL, logEntry (256 bytes) the 9F4D value (length -1 when none).

@@ -1,4 +1,6 @@
-// Exported C entry points (Exported C shells. Card buffers hold 256 bytes.).
+// Exported C entry points of the IC card commands. Card buffers hold 256
+// bytes. Data given as NULL with a positive length is a bad parameter:
+// Para_Error, nothing sent and nothing written.
 #include <algorithm>
 #include <climits>
 #include <cstring>
@@ -32,9 +34,14 @@ uint32_t card_call(uint8_t* out, int32_t* outLen, F&& f) {
     return rc;
 }
 
-std::span<const uint8_t> bytes_of(const uint8_t* p, int32_t n) {
-    if (p == nullptr || n <= 0) return {};
-    return {p, static_cast<std::size_t>(n)};
+using kolt::capi::span;
+
+// Data of a card command: a negative length is a length error, NULL with a
+// positive length a bad parameter; 0 when the data can be sent.
+int32_t check_data(const uint8_t* data, int32_t len) {
+    if (len < 0) return Lenth_Error;
+    if (data == nullptr && len > 0) return Para_Error;
+    return 0;
 }
 
 }  // namespace
@@ -63,7 +70,7 @@ KOLT_API int32_t KOLT_T41_APDUBuf(uint32_t slot, const uint8_t* apduBytes, int32
     if (out == nullptr || outLen == nullptr) return Para_Error;
     *outLen = 0;
     if (apduLen < 0 || (apduBytes == nullptr && apduLen > 0)) return Lenth_Error;
-    return apdu(slot, bytes_of(apduBytes, apduLen), std::span<uint8_t>(out, kCardReplyRoom), *outLen, timeout);
+    return apdu(slot, span(apduBytes, apduLen), std::span<uint8_t>(out, kCardReplyRoom), *outLen, timeout);
 }
 
 KOLT_API uint32_t KOLT_T41_ICC_APDULcData(uint32_t slot, const uint8_t* header4, const uint8_t* data, int32_t lc,
@@ -72,7 +79,7 @@ KOLT_API uint32_t KOLT_T41_ICC_APDULcData(uint32_t slot, const uint8_t* header4,
     if (lc < 0) return static_cast<uint32_t>(Lenth_Error);
     if (header4 == nullptr || (data == nullptr && lc > 0)) return static_cast<uint32_t>(Para_Error);
     return card_call(out, outLen, [&](CardReply& r) {
-        return apdu_lc_data(slot, std::span<const uint8_t, 4>(header4, 4), bytes_of(data, lc), r, timeout);
+        return apdu_lc_data(slot, std::span<const uint8_t, 4>(header4, 4), span(data, lc), r, timeout);
     });
 }
 
@@ -85,36 +92,36 @@ KOLT_API uint32_t KOLT_T41_ICC_Comm_Read_Record(uint32_t slot, int32_t record, i
 
 KOLT_API uint32_t KOLT_T41_ICC_Select_Aid(uint32_t slot, const uint8_t* aid, int32_t aidLen, uint8_t* out,
                                           int32_t* outLen, uint32_t timeout) {
-    if (aidLen < 0) return static_cast<uint32_t>(Lenth_Error);
-    return card_call(out, outLen, [&](CardReply& r) { return select_aid(slot, bytes_of(aid, aidLen), r, timeout); });
+    if (const int32_t bad = check_data(aid, aidLen)) return static_cast<uint32_t>(bad);
+    return card_call(out, outLen, [&](CardReply& r) { return select_aid(slot, span(aid, aidLen), r, timeout); });
 }
 
 KOLT_API uint32_t KOLT_T41_ICC_SetGPO(uint32_t slot, const uint8_t* pdolData, int32_t len, uint8_t* out,
                                       int32_t* outLen, uint32_t timeout) {
-    if (len < 0) return static_cast<uint32_t>(Lenth_Error);
-    return card_call(out, outLen, [&](CardReply& r) { return set_gpo(slot, bytes_of(pdolData, len), r, timeout); });
+    if (const int32_t bad = check_data(pdolData, len)) return static_cast<uint32_t>(bad);
+    return card_call(out, outLen, [&](CardReply& r) { return set_gpo(slot, span(pdolData, len), r, timeout); });
 }
 
 KOLT_API uint32_t KOLT_T41_ICC_Generate_Ac(uint32_t slot, uint8_t p1, const uint8_t* cdolData, int32_t len,
                                            uint8_t* out, int32_t* outLen, uint32_t timeout) {
-    if (len < 0) return static_cast<uint32_t>(Lenth_Error);
+    if (const int32_t bad = check_data(cdolData, len)) return static_cast<uint32_t>(bad);
     return card_call(out, outLen,
-                     [&](CardReply& r) { return generate_ac(slot, p1, bytes_of(cdolData, len), r, timeout); });
+                     [&](CardReply& r) { return generate_ac(slot, p1, span(cdolData, len), r, timeout); });
 }
 
 KOLT_API uint32_t KOLT_T41_External_Authenticate(uint32_t slot, const uint8_t* data, int32_t len, uint8_t* out,
                                                  int32_t* outLen, uint32_t timeout) {
-    if (len < 0) return static_cast<uint32_t>(Lenth_Error);
+    if (const int32_t bad = check_data(data, len)) return static_cast<uint32_t>(bad);
     return card_call(out, outLen,
-                     [&](CardReply& r) { return external_authenticate(slot, bytes_of(data, len), r, timeout); });
+                     [&](CardReply& r) { return external_authenticate(slot, span(data, len), r, timeout); });
 }
 
 KOLT_API uint32_t KOLT_T41_Put_Data(uint32_t slot, const uint8_t* tag2, const uint8_t* data, int32_t len,
                                     uint8_t* out, int32_t* outLen, uint32_t timeout) {
-    if (len < 0) return static_cast<uint32_t>(Lenth_Error);
+    if (const int32_t bad = check_data(data, len)) return static_cast<uint32_t>(bad);
     if (tag2 == nullptr) return static_cast<uint32_t>(Para_Error);
     return card_call(out, outLen, [&](CardReply& r) {
-        return put_data(slot, std::span<const uint8_t, 2>(tag2, 2), bytes_of(data, len), r, timeout);
+        return put_data(slot, std::span<const uint8_t, 2>(tag2, 2), span(data, len), r, timeout);
     });
 }
 
@@ -122,13 +129,13 @@ KOLT_API uint32_t KOLT_T41_Exec_Script(uint32_t slot, const uint8_t* command, in
                                        int32_t* outLen, uint32_t timeout) {
     if (outLen != nullptr) *outLen = 0;
     if (command == nullptr || len < 4) return static_cast<uint32_t>(-1);
-    return card_call(out, outLen, [&](CardReply& r) { return exec_script(slot, bytes_of(command, len), r, timeout); });
+    return card_call(out, outLen, [&](CardReply& r) { return exec_script(slot, span(command, len), r, timeout); });
 }
 
 KOLT_API uint32_t KOLT_T41_Exec_MutiScript(uint32_t slot, const uint8_t* script, int32_t len, int32_t* executed,
                                            uint32_t timeout) {
     int32_t count = 0;
-    const uint32_t rc = exec_multi_script(slot, bytes_of(script, len), count, timeout);
+    const uint32_t rc = exec_multi_script(slot, span(script, len), count, timeout);
     if (executed != nullptr) *executed = count;
     return rc;
 }

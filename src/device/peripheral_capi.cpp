@@ -14,10 +14,6 @@
 
 using namespace kolt;
 
-namespace {
-int secs(uint32_t t) { return static_cast<int>(std::min<uint32_t>(t, INT_MAX)); }
-}  // namespace
-
 extern "C" {
 
 KOLT_API int32_t KOLT_T41_SigleOperate(uint8_t cmdClass, uint8_t cmdCode) {
@@ -42,18 +38,18 @@ KOLT_API int32_t KOLT_T41_Id_ReadCard(uint8_t* reply) {
 
 KOLT_API int32_t KOLT_T41_ReadIDCard(uint8_t* reply, uint32_t timeout) {
     if (reply == nullptr) return Para_Error;
-    return device::read_id_card(std::span<uint8_t>(reply, link::kReplyMax), secs(timeout));
+    return device::read_id_card(std::span<uint8_t>(reply, link::kReplyMax), capi::seconds(timeout));
 }
 
 KOLT_API int32_t KOLT_T41_GetVersion(uint8_t selector, uint8_t* out, uint32_t timeout) {
     if (out == nullptr) return Para_Error;
-    return device::get_version(selector, std::span<uint8_t>(out, KOLT_VERSION_MAX), secs(timeout));
+    return device::get_version(selector, std::span<uint8_t>(out, KOLT_VERSION_MAX), capi::seconds(timeout));
 }
 
 KOLT_API int32_t KOLT_T41_GetSAIMIDStr(char* out, uint32_t timeout) {
     if (out == nullptr) return Para_Error;
     std::string text;
-    const int r = device::get_saimid_str(text, secs(timeout));
+    const int r = device::get_saimid_str(text, capi::seconds(timeout));
     if (r >= 0) {
         const std::size_t n = std::min<std::size_t>(text.size(), KOLT_SAIMID_TEXT_MAX - 1);
         std::memcpy(out, text.data(), n);

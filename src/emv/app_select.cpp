@@ -89,13 +89,15 @@ int32_t run_init(uint32_t timeout, uint32_t slot, std::span<const uint8_t> candi
     uint8_t random[4] = {};
     support::random_bytes(random);
 
-    const int32_t power = device::power_on(slot, timeout, &ssICType);
+    int32_t slot_used = state().slot();
+    const int32_t power = device::power_on(slot, timeout, &slot_used);
+    state().set_slot(slot_used);
     log::debug_int("KOLT_T41_InitICCardApp KOLT_T41_ICC_Poweron flag=%d", power);
     if (power == Revdata_Error || power == ICC_No_Response) return finish(kInitNoResponse);
     if (power == ICC_Contact_Not_Insert) return finish(ICC_Contact_Not_Insert);
     if (power != OK) return finish(kInitPowerOnFailed);
 
-    const auto card = static_cast<uint32_t>(ssICType);
+    const auto card = static_cast<uint32_t>(state().slot());
     const bool contactless = card == device::kSlotRf;
     int32_t result = 0;
     CardReply select;
@@ -196,9 +198,17 @@ std::vector<std::vector<uint8_t>> parse_candidates(std::span<const uint8_t> list
 
 std::span<const uint8_t> candidate_list_bytes(const uint8_t* list) {
     if (list == nullptr) return {};
+    // The count and lengths are followed only within the room of a list:
+    // a list claiming more stops there, and parse_candidates keeps the
+    // candidates that are complete.
     std::size_t size = 1;
-    for (int i = 0; i < list[0]; ++i) size += 1u + list[size];
-    return {list, size};
+    for (int i = 0; i < list[0] && size < kCandidateListMax; ++i) size += 1u + list[size];
+    return {list, std::min(size, kCandidateListMax)};
+}
+
+std::span<const uint8_t> candidate_list_text(const char* list) {
+    if (list == nullptr) return {};
+    return {reinterpret_cast<const uint8_t*>(list), ::strnlen(list, kCandidateListMax)};
 }
 
 int AppInit::afl_entries() const {

@@ -34,9 +34,14 @@ inline constexpr const char* kSelectPse = "00 A4 04 00 0E 31 50 41 59 2E 53 59 5
 // and the AID. Decoded within the bytes given; a list that ends early keeps
 // the candidates that are complete.
 std::vector<std::vector<uint8_t>> parse_candidates(std::span<const uint8_t> list);
-// The bytes of a list given by pointer (its count and lengths tell its end);
-// empty for a null pointer.
+// Room of a candidate list: 256 bytes.
+inline constexpr std::size_t kCandidateListMax = 256;
+// The bytes of a binary list given by pointer (its count and lengths tell
+// its end, never beyond kCandidateListMax bytes); empty for a null pointer.
 std::span<const uint8_t> candidate_list_bytes(const uint8_t* list);
+// The bytes of a list handed in as a text argument: up to its terminating
+// zero, never beyond kCandidateListMax bytes; empty for a null pointer.
+std::span<const uint8_t> candidate_list_text(const char* list);
 
 // Everything application initiation hands back.
 struct AppInit {

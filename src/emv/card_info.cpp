@@ -56,8 +56,8 @@ void fetch_ec_values(std::string_view request, std::string_view triggers) {
     for (std::size_t i = 0; i < std::size(kEcValues); ++i) {
         if (!contains(request, triggers[i])) continue;
         const EcValue& v = kEcValues[i];
-        device::get_data(static_cast<uint32_t>(ssICType), std::span<const uint8_t, 2>(v.tag),
-                         std::span<uint8_t, kSlotSize>(tagListValue[v.slot], kSlotSize), kCommandTimeout);
+        device::get_data(static_cast<uint32_t>(state().slot()), std::span<const uint8_t, 2>(v.tag),
+                         state().raw(v.slot).first<kSlotSize>(), kCommandTimeout);
         append_found(tagList[v.slot]);
     }
 }
@@ -99,7 +99,7 @@ Walk walk_afl(const AppInit& app, std::string_view letters, const WalkLogs& logs
             if (logs.record != nullptr) log::debug_int(logs.record, j);
             device::CardReply reply;
             const auto rc = static_cast<int32_t>(device::read_record(
-                static_cast<uint32_t>(ssICType), static_cast<uint8_t>(j), static_cast<uint8_t>(sfi), reply,
+                static_cast<uint32_t>(state().slot()), static_cast<uint8_t>(j), static_cast<uint8_t>(sfi), reply,
                 kCommandTimeout));
             if (rc < 0) {
                 if (logs.read_failed != nullptr) log::error_int(logs.read_failed, rc);
@@ -178,7 +178,7 @@ void log_slots() {
         log::debug_int("IC_GetInfo apduTagList i =%d", i);
         const int tag = static_cast<int>(apduTagList[i]);
         log::debug("IC_GetInfo apduTagList value =%x", &tag, 4);
-        log::debug_int("IC_GetInfo tagListValue value Lenth=%d", tagListValue[i][0]);
+        log::debug_int("IC_GetInfo tagListValue value Lenth=%d", static_cast<int>(slot_value(i).size()));
         log::debug_hex("IC_GetInfo tagListValue value=%02x", slot_value(i));
     }
 }
@@ -199,12 +199,12 @@ std::string sys_date() {
 // ---------------------------------------------------------------------------
 // ICRT core.
 
-Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, const uint8_t* aid_list,
+Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, std::span<const uint8_t> aid_list,
                           std::string_view letters) {
     int32_t flag = 0;
-    ssICType = do_ic_type(ic_type, &flag);
+    state().set_slot(do_ic_type(ic_type, &flag));
     log::debug_text("KOLT_ICRT_GetICCInfo begin......%s", "");
-    log::debug_int("KOLT_ICRT_GetICCInfo ICtype = %d", ssICType);
+    log::debug_int("KOLT_ICRT_GetICCInfo ICtype = %d", state().slot());
     log_text("KOLT_ICRT_GetICCInfo ctagList = %s", letters);
 
     clear_working_state();
@@ -252,8 +252,7 @@ Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, cons
 
 Outcome star_get_info(std::string_view input) {
     const StarInput in = read_star_input(input, "STAR_GetInfo", "tagList");
-    static const uint8_t kNoCandidates[1] = {0};
-    Outcome r = icrt_get_icc_info(1, in.port, 1, kNoCandidates, in.field4);
+    Outcome r = icrt_get_icc_info(1, in.port, 1, {}, in.field4);
     log_star_return("STAR_GetInfo", r.text);
     return r;
 }
@@ -264,8 +263,8 @@ Outcome star_get_info(std::string_view input) {
 YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid_text) {
     ::usleep(400 * 1000);
     int32_t flag = 0;
-    ssICType = do_ic_type(ic_type, &flag);
-    log::debug_int("IC_GetInfo ICtype = %d", ssICType);
+    state().set_slot(do_ic_type(ic_type, &flag));
+    log::debug_int("IC_GetInfo ICtype = %d", state().slot());
     log_text("IC_GetInfo ctagList = %s", letters);
     clear_working_state();
     init_tag_list_value();
@@ -314,7 +313,7 @@ YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid
             log_hex("IC_GetInfo infoBuf=%02x", info);
             log_text("IC_GetInfo infoBuf='%s'", info);
 
-            const int32_t kind = card_kind_of_slot(ssICType);
+            const int32_t kind = card_kind_of_slot(state().slot());
             log::debug_int("IC_GetInfo icflag=%d", kind);
 
             std::string block = app_data_block();

@@ -43,7 +43,7 @@ struct Outcome {
 // null), reads until every letter is found and returns the letters in the
 // ICRT format (letter, "%03d" length, value). 0, 10 (application locked, data
 // still read), -21 port, -11 power-on, -22 READ RECORD, init result - 10.
-Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, const uint8_t* aid_list,
+Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, std::span<const uint8_t> aid_list,
                           std::string_view letters);
 
 // STAR_GetInfo: "|"-separated input, field 2 the port, field 4 the letters;

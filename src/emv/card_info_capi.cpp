@@ -4,14 +4,9 @@
 
 #include "emv/card_info.hpp"
 #include "kolt/kolt.h"
+#include "support/capi_util.hpp"
 
 using namespace kolt::emv;
-
-namespace {
-
-const uint8_t* as_bytes(const char* text) { return reinterpret_cast<const uint8_t*>(text); }
-
-}  // namespace
 
 extern "C" {
 
@@ -27,8 +22,9 @@ KOLT_API int32_t GetSysDate(char* out) {
 
 KOLT_API int32_t KOLT_ICRT_GetICCInfo(int32_t termType, int32_t port, int32_t icType, const char* aidList,
                                       const char* tagList, char* out) {
-    const Outcome r = icrt_get_icc_info(termType, port, icType, as_bytes(aidList), bounded(tagList, kFieldMax));
-    write_text(out, r.text);
+    const Outcome r = icrt_get_icc_info(termType, port, icType, candidate_list_text(aidList),
+                                        bounded(tagList, kFieldMax));
+    kolt::capi::copy_text_if(out, r.text);
     return r.code;
 }
 
@@ -39,7 +35,7 @@ KOLT_API int32_t ICRT_GetICCInfo(int32_t termType, int32_t port, int32_t icType,
 
 KOLT_API int32_t STAR_GetInfo(const char* dataIn, char* out) {
     const Outcome r = star_get_info(bounded(dataIn, kStarInputMax));
-    write_text(out, r.text);
+    kolt::capi::copy_text_if(out, r.text);
     // Always 0: a STAR_ caller tells failure from the text alone.
     return 0;
 }
@@ -47,7 +43,7 @@ KOLT_API int32_t STAR_GetInfo(const char* dataIn, char* out) {
 KOLT_API int32_t IC_GetInfo_YS(int32_t icType, const char* tagList, const char* aidList, char* out,
                                int32_t* cardKind, char* appData) {
     const YsOutcome r = ys_get_info(icType, bounded(tagList, kFieldMax), aidList);
-    write_text(out, r.text);
+    kolt::capi::copy_text_if(out, r.text);
     if (r.card_kind && cardKind != nullptr) *cardKind = *r.card_kind;
     if (r.app_data && appData != nullptr) std::memcpy(appData, r.app_data->data(), r.app_data->size());
     return r.code;
@@ -61,7 +57,7 @@ KOLT_API int32_t IC_GetInfo(const char* portName, int32_t reserved1, int32_t res
     (void)reserved3;
     const int32_t type = icType != nullptr ? *icType : 0;
     const IcInfoOutcome r = ic_get_info(bounded(portName, kPortNameMax), type, aidList, bounded(tagList, kFieldMax));
-    write_text(out, r.text);
+    kolt::capi::copy_text_if(out, r.text);
     if (r.card_kind && icType != nullptr) *icType = *r.card_kind;
     if (r.out_len && outLen != nullptr) *outLen = *r.out_len;
     return r.code;

@@ -65,7 +65,8 @@ int build_dol(std::span<const uint8_t> dol, std::span<const uint8_t, 4> random, 
             }
             case 0x9F4E: {
                 // Raw merchant text; the slot is zero beyond its value.
-                bytes.assign(&tagListValue[index][1], &tagListValue[index][1] + std::min<std::size_t>(counted, kSlotRoom));
+                const auto area = state().raw(index).subspan(1, std::min<std::size_t>(counted, kSlotRoom));
+                bytes.assign(area.begin(), area.end());
                 bytes.resize(counted, 0);
                 break;
             }

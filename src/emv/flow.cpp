@@ -81,15 +81,15 @@ link::Session open_link(int32_t term_type, int32_t port, const char* failure_log
     return session;
 }
 
-AppInit start_app(const uint8_t* aid_list) {
-    return init_app(kInitTimeout, static_cast<uint32_t>(ssICType), candidate_list_bytes(aid_list));
+AppInit start_app(std::span<const uint8_t> aid_list) {
+    return init_app(kInitTimeout, static_cast<uint32_t>(state().slot()), aid_list);
 }
 
 AppInit start_app_psbc(const char* aid_text) {
-    return init_app_psbc(kInitTimeout, static_cast<uint32_t>(ssICType), bounded(aid_text, kFieldMax));
+    return init_app_psbc(kInitTimeout, static_cast<uint32_t>(state().slot()), bounded(aid_text, kFieldMax));
 }
 
-int32_t power_off_card() { return device::power_off(static_cast<uint32_t>(ssICType)); }
+int32_t power_off_card() { return device::power_off(static_cast<uint32_t>(state().slot())); }
 
 InitFailure ic_init_failure(int32_t init_result, const InitFailureLogs& logs) {
     switch (init_result) {
@@ -112,12 +112,6 @@ InitFailure ic_init_failure(int32_t init_result, const InitFailureLogs& logs) {
         if (logs.other[1] != nullptr) log::error_text(logs.other[1], "");
         return {-10, gbk::kCardInitError, true};
     }
-}
-
-void write_text(char* out, const std::optional<std::string>& text) {
-    if (out == nullptr || !text) return;
-    std::memcpy(out, text->data(), text->size());
-    out[text->size()] = '\0';
 }
 
 void log_text(const char* format, std::string_view text) {

@@ -95,11 +95,11 @@ link::Session open_link(int32_t term_type, int32_t port, const char* failure_log
 
 // Application selection and initiation as the information and log flows
 // use it (time-out 20 s, slot ssICType, which power-on rewrites).
-// start_app: KOLT_T41_InitICCardApp with a binary candidate list (count,
-// then length and AID bytes per candidate; may be null).
+// start_app: KOLT_T41_InitICCardApp with a candidate list (count, then
+// length and AID bytes per candidate; may be empty).
 // start_app_psbc: KOLT_T41_InitICCardApp_PSBC with one candidate as hex
 // text (null or empty: none; read up to kFieldMax characters).
-AppInit start_app(const uint8_t* aid_list);
+AppInit start_app(std::span<const uint8_t> aid_list);
 AppInit start_app_psbc(const char* aid_text);
 
 // Powers the card off in slot ssICType; the device result.
@@ -125,8 +125,6 @@ InitFailure ic_init_failure(int32_t init_result, const InitFailureLogs& logs);
 
 // ---------------------------------------------------------------------------
 
-// Copies a flow's text with its terminator into a caller's buffer.
-void write_text(char* out, const std::optional<std::string>& text);
 
 // A trace line of a text of known length (an empty text is logged as such,
 // never as a terminated string at a null pointer), or of its bytes in hex.

@@ -1,10 +1,6 @@
-// EMV working state shared by every card flow: the tag-letter tables, the
-// value slot of each letter (tagListValue), the letters found so far
-// (gFindedTagList) and the slot of the card in use (ssICType); parsing of
-// card replies into the slots, single-tag search, the track-2 split, the
-// layout of a transaction-log record and the short tag writer.
-//
-// All of it is process-wide and unlocked: one card flow at a time.
+// The tag-letter tables and their lookups, the parsing of card replies into
+// the letter slots of the working state (emv/state.hpp), the track-2 split,
+// the layout of a transaction-log record and the short tag writer.
 #pragma once
 
 #include <cstddef>
@@ -15,13 +11,10 @@
 #include <string_view>
 
 #include "device/icc.hpp"
+#include "emv/state.hpp"
 
 namespace kolt::emv {
 
-inline constexpr int kTagCount = 30;        // letters in tagList
-inline constexpr int kSlotSize = 256;       // one tagListValue entry: length byte + 255
-inline constexpr int kSlotRoom = 255;       // value bytes a slot holds
-inline constexpr std::size_t kFoundSize = 32;  // gFindedTagList: 31 letters + terminator
 
 // ---------------------------------------------------------------------------
 // Tables and process-wide state (one definition each, in tags.cpp).
@@ -31,11 +24,6 @@ extern const char tagList[kTagCount + 1];  // "ABCDEFGHIJKLMNOPQRSTUVWXYZ1234"
 // The EMV tag of each letter (two-byte tags as high*256 + low); 0 for the
 // letters that name no tag (L, N, Y).
 extern const uint64_t apduTagList[kTagCount];
-// One slot per letter: byte 0 the value length (0 = not present), bytes
-// 1..255 the value; text values are zero-terminated.
-extern uint8_t tagListValue[kTagCount][kSlotSize];
-// Letters found in card replies, in order, repeats allowed.
-extern char gFindedTagList[kFoundSize];
 // Card slot of the current card (device state, read by the card flows).
 using device::ssICType;
 
@@ -47,6 +35,9 @@ extern const char TAG_DF_Name[];                    // "84"
 // Log format a card's 9F4F is expected to have: 45 bytes of record.
 extern const uint8_t trDetailRecordFormat[25];
 inline constexpr int kLogRecordSize = 45;
+// Longest text of one formatted record with its terminator: the ATC field
+// has four digits, or five for a counter of 10000 or more.
+inline constexpr std::size_t kLogRecordTextRoom = 108;
 
 // Fixed terminal values used when building DOL data.
 inline constexpr uint8_t kTerminalVerificationResults[5] = {0x00, 0x00, 0x00, 0x08, 0x00};  // 95
@@ -93,31 +84,8 @@ int tag_index(std::span<const uint8_t> tag);
 int tag_index(uint64_t tag);
 int letter_index(char letter);
 
-// ---------------------------------------------------------------------------
-// Slots (index 0..29; out-of-range indexes read as empty and are not written).
-
-std::span<const uint8_t> slot_value(int index);   // the value bytes
-std::string_view slot_text(int index);            // the value as text
-// Replaces a slot's value (cut to 255 bytes; the rest of the slot is zeroed,
-// so a shorter value stays zero-terminated).
-void set_slot(int index, std::span<const uint8_t> value);
-void set_slot_text(int index, std::string_view text);
-void clear_slot(int index);
-
-// Zeroes all of tagListValue and gFindedTagList.
-void clear_working_state();
-// clear_working_state and the card slot back to contact: the state of a
-// freshly loaded library (for test programs running many cases).
-void reset_state();
 // Gives the slots of 9F1A and 5F2A the value "0156" when they are empty.
 void init_tag_list_value();
-
-// Appends a letter to gFindedTagList. The list holds 31 letters; when it is
-// full, repeated letters are folded first so every letter found stays listed.
-void append_found(char letter);
-std::string_view found_letters();
-// True when every letter of the text occurs in gFindedTagList.
-bool all_found(std::string_view letters);
 
 // ---------------------------------------------------------------------------
 // Card replies.
@@ -145,9 +113,5 @@ int split_track2();
 // U006 time, V004 country, W020 merchant, X004 ATC.
 std::string format_log_record(std::span<const uint8_t> record);
 
-// Short tag writer: tag (two bytes when the low five bits of the first are
-// all set), one length byte, value. Returns the bytes written, or -1 when
-// the value is longer than 255 bytes or out has no room.
-int32_t write_short_tlv(const uint8_t* tag, std::span<const uint8_t> value, std::span<uint8_t> out);
 
 }  // namespace kolt::emv

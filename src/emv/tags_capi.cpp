@@ -67,7 +67,7 @@ KOLT_API int32_t KOLT_T41_ParseOneRecord(const uint8_t* record, char* out) {
 KOLT_API int32_t KOLT_SetTLV(const uint8_t* tag, int32_t len, const uint8_t* value, uint8_t* out) {
     if (tag == nullptr || out == nullptr || len < 0 || len > 255 || (len > 0 && value == nullptr)) return -1;
     const std::size_t room = kolt::tlv::tag_size(tag[0]) + 1 + static_cast<std::size_t>(len);
-    return write_short_tlv(tag, std::span<const uint8_t>(value, static_cast<std::size_t>(len)),
+    return kolt::tlv::write_short(tag, std::span<const uint8_t>(value, static_cast<std::size_t>(len)),
                            std::span<uint8_t>(out, room));
 }
 

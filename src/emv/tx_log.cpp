@@ -58,7 +58,7 @@ LogRead read_log(const AppInit& app, std::size_t header, const LogTexts& texts) 
     LogRead r;
     std::array<uint8_t, 256> format{};
     if (texts.get_data != nullptr) log::debug_text(texts.get_data, "");
-    const uint32_t sw = device::get_data(static_cast<uint32_t>(ssICType), std::span<const uint8_t, 2>(kTagLogFormat),
+    const uint32_t sw = device::get_data(static_cast<uint32_t>(state().slot()), std::span<const uint8_t, 2>(kTagLogFormat),
                                          std::span<uint8_t, 256>(format), kLogFormatTimeout);
     if (sw != device::kSwOk) {
         if (texts.get_data_failed != nullptr) log::error_text(texts.get_data_failed, "");
@@ -83,7 +83,7 @@ LogRead read_log(const AppInit& app, std::size_t header, const LogTexts& texts) 
             break;  // the output holds no further record
         device::CardReply reply;
         const auto rc = static_cast<int32_t>(
-            device::read_record(static_cast<uint32_t>(ssICType), static_cast<uint8_t>(n), sfi, reply, kRecordTimeout));
+            device::read_record(static_cast<uint32_t>(state().slot()), static_cast<uint8_t>(n), sfi, reply, kRecordTimeout));
         if (rc < 0) {
             r.end = LogRead::End::ReadFailed;
             r.read_result = rc;
@@ -93,6 +93,9 @@ LogRead read_log(const AppInit& app, std::size_t header, const LogTexts& texts) 
         if (static_cast<uint32_t>(rc) != device::kSwOk) break;
 
         const std::string text = format_log_record(reply.data());
+        // Records are not all of one length (an ATC of 10000 or more has
+        // five digits): one that would not fit ends the log here.
+        if (header + r.records.size() + text.size() + 1 > kLogTextRoom) break;
         if (r.count == 0) r.record_len = static_cast<int32_t>(text.size());
         r.records += text;
         ++r.count;
@@ -110,9 +113,9 @@ LogRead read_log(const AppInit& app, std::size_t header, const LogTexts& texts) 
 
 LogOutcome icrt_get_tr_detail(int32_t term_type, int32_t port, int32_t ic_type, const char* aid_text) {
     int32_t flag = 0;
-    ssICType = do_ic_type(ic_type, &flag);
+    state().set_slot(do_ic_type(ic_type, &flag));
     log::debug_text("KOLT_ICRT_GetTrDetail begin......%s", "");
-    log::debug_int("KOLT_ICRT_GetICCInfo ICtype = %d", ssICType);
+    log::debug_int("KOLT_ICRT_GetICCInfo ICtype = %d", state().slot());
     clear_working_state();
 
     const link::Session session = open_link(term_type, port, "KOLT_ICRT_GetTrDetail KOLT_initCom flag=%d");
@@ -218,7 +221,7 @@ TranDetaOutcome ic_get_tran_deta(std::string_view port_name, int32_t ic_type, co
         // what strlen of a zeroed output finds.
         const std::string& b = out.written.bytes ? *out.written.bytes : std::string();
         out.out_len = static_cast<int32_t>(::strnlen(b.c_str(), b.size()));
-        out.card_kind = card_kind_of_slot(ssICType);
+        out.card_kind = card_kind_of_slot(state().slot());
     }
     switch (out.written.code) {
     case -21:
@@ -231,11 +234,11 @@ TranDetaOutcome ic_get_tran_deta(std::string_view port_name, int32_t ic_type, co
     return out;
 }
 
-TxDetailOutcome ic_get_tx_detail(int32_t ic_type, const uint8_t* aid_list) {
+TxDetailOutcome ic_get_tx_detail(int32_t ic_type, std::span<const uint8_t> aid_list) {
     int32_t flag = 0;
-    ssICType = do_ic_type(ic_type_from_one(ic_type), &flag);
+    state().set_slot(do_ic_type(ic_type_from_one(ic_type), &flag));
     log::debug_text("IC_GetTxDetail begin......%s", "");
-    log::debug_int("IC_GetTxDetail ICtype = %d", ssICType);
+    log::debug_int("IC_GetTxDetail ICtype = %d", state().slot());
     clear_working_state();
 
     TxDetailOutcome out;
@@ -281,7 +284,7 @@ TxDetailOutcome ic_get_tx_detail(int32_t ic_type, const uint8_t* aid_list) {
             log_text("IC_GetTxDetail TxDetail =%s", block);
             out.code = 0;
             out.text = std::move(block);
-            out.card_kind = card_kind_of_slot(ssICType);
+            out.card_kind = card_kind_of_slot(state().slot());
             log::debug_int("IC_GetTxDetail psbcICType=%d", *out.card_kind);
         }
     }

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -67,6 +68,6 @@ struct TxDetailOutcome {
     std::optional<std::string> text;
     std::optional<int32_t> card_kind;
 };
-TxDetailOutcome ic_get_tx_detail(int32_t ic_type, const uint8_t* aid_list);
+TxDetailOutcome ic_get_tx_detail(int32_t ic_type, std::span<const uint8_t> aid_list);
 
 }  // namespace kolt::emv

@@ -4,6 +4,7 @@
 
 #include "emv/tx_log.hpp"
 #include "kolt/kolt.h"
+#include "support/capi_util.hpp"
 
 using namespace kolt::emv;
 
@@ -12,7 +13,7 @@ extern "C" {
 KOLT_API int32_t KOLT_ICRT_GetTrDetail(int32_t termType, int32_t port, int32_t icType, const char* aidList,
                                        char* out) {
     const LogOutcome r = icrt_get_tr_detail(termType, port, icType, aidList);
-    write_text(out, r.text);
+    kolt::capi::copy_text_if(out, r.text);
     return r.code;
 }
 
@@ -33,7 +34,7 @@ KOLT_API int32_t ICRT_GetTrDetail(int32_t termType, int32_t port, int32_t icType
 
 KOLT_API int32_t STAR_GetTxDetail(const char* dataIn, char* out) {
     const LogOutcome r = star_get_tx_detail(bounded(dataIn, kStarInputMax));
-    write_text(out, r.text);
+    kolt::capi::copy_text_if(out, r.text);
     // Always 0: a STAR_ caller tells failure from the text alone.
     return 0;
 }
@@ -55,8 +56,8 @@ KOLT_API int32_t IC_GetTranDeta(const char* portName, int32_t reserved1, int32_t
 }
 
 KOLT_API int32_t IC_GetTxDetail(int32_t icType, const char* aidList, char* out, int32_t* cardKind) {
-    const TxDetailOutcome r = ic_get_tx_detail(icType, reinterpret_cast<const uint8_t*>(aidList));
-    write_text(out, r.text);
+    const TxDetailOutcome r = ic_get_tx_detail(icType, candidate_list_text(aidList));
+    kolt::capi::copy_text_if(out, r.text);
     if (r.card_kind && cardKind != nullptr) *cardKind = *r.card_kind;
     return r.code;
 }

@@ -28,6 +28,10 @@ int transact_t41(uint8_t cls, uint8_t code, std::span<const uint8_t> data, std::
 // Result code of the device status pair.
 int ret_code(uint8_t s1, uint8_t s2);
 
+// Bracket-family commands: the connect greeting and the disconnect.
+inline constexpr uint8_t kBracketConnect = 0x41;
+inline constexpr uint8_t kBracketDisconnect = 0x42;
+
 // Bracket frame exchange on fd. Returns the decoded reply data length in
 // out, -1 on no or short reply (or one that does not fit in out), -2 on a
 // check mismatch, -3 for data too long for a frame.

@@ -16,14 +16,6 @@
 
 using namespace kolt;
 
-namespace {
-template <class T>
-std::span<T> span_of(T* p, int32_t len) {
-    if (p == nullptr || len <= 0) return {};
-    return std::span<T>(p, static_cast<std::size_t>(len));
-}
-}  // namespace
-
 extern "C" {
 
 KOLT_API int32_t KOLT_SendData(int32_t fd, const uint8_t* buf, int32_t len) {
@@ -43,25 +35,25 @@ KOLT_API int32_t select_fd(int32_t fd, int32_t mode, double seconds) {
 }
 
 KOLT_API int32_t KOLT_writeBuf(int32_t fd, const uint8_t* buf, int32_t len, int32_t timeoutSec) {
-    return link::write_buf(fd, span_of(buf, len), timeoutSec);
+    return link::write_buf(fd, capi::span(buf, len), timeoutSec);
 }
 
 KOLT_API int32_t KOLT_rcvBuf(int32_t fd, uint8_t* buf, int32_t len, int32_t timeoutSec) {
-    return link::rcv_buf(fd, span_of(buf, len), timeoutSec);
+    return link::rcv_buf(fd, capi::span(buf, len), timeoutSec);
 }
 
 KOLT_API int32_t KOLT_rcvBuf100s(int32_t fd, uint8_t* buf, int32_t len, int32_t timeoutSec) {
-    return link::rcv_buf_100s(fd, span_of(buf, len), timeoutSec);
+    return link::rcv_buf_100s(fd, capi::span(buf, len), timeoutSec);
 }
 
 KOLT_API int32_t KOLT_rcvBufFromHeadByte(int32_t fd, uint8_t* buf, int32_t len, uint8_t head,
                                          int32_t timeoutSec) {
-    return link::rcv_from_head(fd, span_of(buf, len), head, timeoutSec);
+    return link::rcv_from_head(fd, capi::span(buf, len), head, timeoutSec);
 }
 
 KOLT_API int32_t KOLT_rcvBufFrom2DisHeadByte(int32_t fd, uint8_t* buf, int32_t len, uint8_t headA,
                                              uint8_t headB, int32_t timeoutSec) {
-    return link::rcv_from_2heads(fd, span_of(buf, len), headA, headB, timeoutSec);
+    return link::rcv_from_2heads(fd, capi::span(buf, len), headA, headB, timeoutSec);
 }
 
 KOLT_API int32_t KOLT_clearComBuf(int32_t fd) { return link::clear_com_buf(fd); }

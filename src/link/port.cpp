@@ -324,33 +324,56 @@ int close_aux(std::string_view type_text, std::string_view /*port_text*/) {
     return 0;
 }
 
+namespace {
+
+// The auxiliary-port half of connect: terminal settings, escape sequences
+// and the pass-through command. False when a step fails.
+bool connect_aux(std::string_view type_text, std::string_view port_text, std::string_view transfer_type_text,
+                 std::string_view transfer_port) {
+    LinkState& s = state();
+    if (set_term() == -1) return false;
+    if (get_aux_cmd(type_text, port_text, s.open_aux_cmd, s.close_aux_cmd) != 0) return false;
+    write_text(seq_text(s.key_lock_cmd));
+    write_text(seq_text(s.open_aux_cmd));
+    std::memset(s.ExtendCmd, 0, kSeqSize);
+    if (get_bp_command(transfer_type_text, transfer_port, s.ExtendCmd) == 0) write_text(seq_text(s.ExtendCmd));
+    return true;
+}
+
+// Undoes what a failed connect set up: terminal settings it changed are
+// restored and a descriptor it opened is closed (the application's own
+// terminal is never closed).
+void undo_connect(bool aux) {
+    if (aux) reset_term();
+    close_fd();
+}
+
+}  // namespace
+
 int connect_device(std::string_view tty, std::string_view type_text, std::string_view port_text,
                    std::string_view transfer_type_text, std::string_view transfer_port) {
-    LinkState& s = state();
-    if (aux_mode(type_text)) {
+    const bool aux = aux_mode(type_text);
+    if (aux) {
         // Opened without the no-controlling-terminal flag, unlike the plain open.
         if (!tty.empty() && open_named_terminal(tty, 0) < 0) return -1;
-        if (set_term() == -1) return -1;
-        if (get_aux_cmd(type_text, port_text, s.open_aux_cmd, s.close_aux_cmd) != 0) return -1;
-        write_text(seq_text(s.key_lock_cmd));
-        write_text(seq_text(s.open_aux_cmd));
-        std::memset(s.ExtendCmd, 0, kSeqSize);
-        if (get_bp_command(transfer_type_text, transfer_port, s.ExtendCmd) == 0) {
-            write_text(seq_text(s.ExtendCmd));
+        if (!connect_aux(type_text, port_text, transfer_type_text, transfer_port)) {
+            undo_connect(aux);
+            return -1;
         }
     } else if (!open_local(port_text)) {
         return -1;
     }
     uint8_t out[kReplyMax];
-    const int n = bracket_transact(s.fd, 0x41, {}, out, 6);
+    const int n = bracket_transact(state().fd, kBracketConnect, {}, out, 6);
     if (n == 11 && out[0] == 0x90) return 0;
+    undo_connect(aux);
     return -1;
 }
 
 int disconnect_device(std::string_view type_text, std::string_view port_text) {
     LinkState& s = state();
     uint8_t out[kReplyMax];
-    const int n = bracket_transact(s.fd, 0x42, {}, out, 3);
+    const int n = bracket_transact(s.fd, kBracketDisconnect, {}, out, 3);
     if (aux_mode(type_text)) {
         if (n > 0) {
             close_aux(type_text, port_text);

@@ -20,10 +20,6 @@
 
 using namespace kolt;
 
-namespace {
-std::string_view sv(const char* p) { return p ? std::string_view(p) : std::string_view(); }
-}  // namespace
-
 extern "C" {
 
 // Device name below "/dev/" that the link opens.
@@ -36,7 +32,7 @@ KOLT_API int32_t IC_initCom(int32_t termType, int32_t port) { return link::ic_in
 KOLT_API int32_t IC_CloseCom(int32_t termType, int32_t port) { return link::ic_close_com(termType, port); }
 
 KOLT_API int32_t KOLT_initCom(int32_t type, const char* ttyName, int32_t port, const char* transfer) {
-    return link::init_com(type, sv(ttyName), port, sv(transfer));
+    return link::init_com(type, capi::text(ttyName), port, capi::text(transfer));
 }
 
 KOLT_API int32_t KOLT_freeCom(int32_t type, int32_t port, const char* transfer) {
@@ -46,36 +42,36 @@ KOLT_API int32_t KOLT_freeCom(int32_t type, int32_t port, const char* transfer) 
 
 KOLT_API int32_t KOLT_openComOrAux(const char* ttyName, const char* typeText, const char* portText,
                                    const char* transferType, const char* transferData) {
-    return link::open_com_or_aux(sv(ttyName), sv(typeText), sv(portText), sv(transferType), sv(transferData));
+    return link::open_com_or_aux(capi::text(ttyName), capi::text(typeText), capi::text(portText), capi::text(transferType), capi::text(transferData));
 }
 
 KOLT_API int32_t KOLT_closeComOrAux(const char* typeText, const char* portText) {
-    return link::close_com_or_aux(sv(typeText), sv(portText));
+    return link::close_com_or_aux(capi::text(typeText), capi::text(portText));
 }
 
 KOLT_API int32_t KOLT_closeAux(const char* typeText, const char* portText) {
-    return link::close_aux(sv(typeText), sv(portText));
+    return link::close_aux(capi::text(typeText), capi::text(portText));
 }
 
 KOLT_API int32_t KOLT_connectDevice(const char* ttyName, const char* typeText, const char* portText,
                                     const char* transferTypeText, const char* transferPort) {
-    return link::connect_device(sv(ttyName), sv(typeText), sv(portText), sv(transferTypeText), sv(transferPort));
+    return link::connect_device(capi::text(ttyName), capi::text(typeText), capi::text(portText), capi::text(transferTypeText), capi::text(transferPort));
 }
 
 KOLT_API int32_t KOLT_disconnectDevice(const char* typeText, const char* portText) {
-    return link::disconnect_device(sv(typeText), sv(portText));
+    return link::disconnect_device(capi::text(typeText), capi::text(portText));
 }
 
 KOLT_API int32_t KOLT_getAuxCmdOnTermtypeAuxno(const char* typeText, const char* portText, char* openOut,
                                                char* closeOut) {
     if (openOut == nullptr || closeOut == nullptr) return Para_Error;
-    return link::get_aux_cmd(sv(typeText), sv(portText), std::span<char, link::kSeqSize>(openOut, link::kSeqSize),
+    return link::get_aux_cmd(capi::text(typeText), capi::text(portText), std::span<char, link::kSeqSize>(openOut, link::kSeqSize),
                              std::span<char, link::kSeqSize>(closeOut, link::kSeqSize));
 }
 
 KOLT_API int32_t KOLT_getBPCommand(const char* typeText, const char* transferPort, char* out) {
     if (out == nullptr) return Para_Error;
-    return link::get_bp_command(sv(typeText), sv(transferPort), std::span<char, link::kSeqSize>(out, link::kSeqSize));
+    return link::get_bp_command(capi::text(typeText), capi::text(transferPort), std::span<char, link::kSeqSize>(out, link::kSeqSize));
 }
 
 KOLT_API int32_t KOLT_openCom(int32_t port, int32_t baud) { return link::open_com(port, baud); }

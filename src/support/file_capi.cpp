@@ -39,7 +39,8 @@ KOLT_API int32_t KOLT_copyfile(const char* destination, const char* source) {
 }
 
 KOLT_API int32_t KOLT_readFile2Buf(const char* path, uint8_t* buffer, int32_t n) {
-    if (path == nullptr) return -1;
+    // No buffer for a positive count is a bad parameter, like no path.
+    if (path == nullptr || (buffer == nullptr && n > 0)) return -1;
     ks::File fp(std::fopen(path, "rb"));
     if (!fp) return -1;
     if (buffer != nullptr && n > 0) {

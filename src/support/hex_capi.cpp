@@ -81,7 +81,8 @@ KOLT_API int32_t Decimal2BCDBuf(int32_t value, uint8_t* out, int32_t width) {
 
 KOLT_API int32_t byteBuf2BCDBuf(const char* digits, int32_t n, uint8_t* out, int32_t width) {
     if (digits == nullptr || out == nullptr || n < 0 || width < 0) return -1;
-    if ((n + 1) / 2 > width) return -1;
+    // Computed wide: n + 1 must not overflow for n = INT_MAX.
+    if ((static_cast<int64_t>(n) + 1) / 2 > width) return -1;
     // n characters, but never past a terminator inside them.
     const std::vector<uint8_t> packed = ks::pack_bcd(std::string_view(digits, ::strnlen(digits, static_cast<size_t>(n))));
     // Only the packed bytes are written, right-aligned in out[0..width-1];

@@ -181,6 +181,17 @@ std::optional<std::vector<uint8_t>> pack(std::span<const uint8_t> tag, std::span
     return out;
 }
 
+int32_t write_short(const uint8_t* tag, std::span<const uint8_t> value, std::span<uint8_t> out) {
+    if (tag == nullptr || value.size() > 255) return -1;
+    const std::size_t tag_len = tag_size(tag[0]);
+    const std::size_t total = tag_len + 1 + value.size();
+    if (total > out.size()) return -1;
+    std::memcpy(out.data(), tag, tag_len);
+    out[tag_len] = static_cast<uint8_t>(value.size());
+    if (!value.empty()) std::memcpy(out.data() + tag_len + 1, value.data(), value.size());
+    return static_cast<int32_t>(total);
+}
+
 std::vector<tlv_t> items(std::span<const uint8_t> src, int strict) {
     if (src.empty()) return {};
     auto list = unpack(src, strict == 1);

@@ -135,6 +135,11 @@ Found find_in_template(std::span<const uint8_t> src, std::span<const uint8_t> ta
 // length the codec refuses (exactly 128, or above 0xFFFFFF).
 int encode_length(uint32_t length, uint8_t (&out)[4]);
 
+// Short tag writer: tag (two bytes when the low five bits of the first are
+// all set), one length byte, value. Returns the bytes written, or -1 when
+// the value is longer than 255 bytes or out has no room.
+int32_t write_short(const uint8_t* tag, std::span<const uint8_t> value, std::span<uint8_t> out);
+
 // Tag, length and value as bytes; nullopt for a bad tag or a length the
 // codec refuses (exactly 128, or above 0xFFFFFF).
 std::optional<std::vector<uint8_t>> pack(std::span<const uint8_t> tag, std::span<const uint8_t> value);
