@@ -145,6 +145,8 @@ int32_t power_off(uint32_t slot) {
     return result;
 }
 
+int32_t PoweredCard::device_power_off() const { return device::power_off(slot_); }
+
 int32_t apdu(uint32_t slot, std::span<const uint8_t> command, std::span<uint8_t> out, int32_t& out_len,
              uint32_t timeout) {
     log::debug_text("KOLT_T41_APDUBuf......%s", "");

@@ -97,6 +97,34 @@ uint32_t exec_multi_script(uint32_t slot, std::span<const uint8_t> script, int32
 // out[1] (for 9F13, 9F77, 9F78, 9F79 as hex digits, out[0] = their count).
 uint32_t get_data(uint32_t slot, std::span<const uint8_t, 2> tag, std::span<uint8_t, 256> out, uint32_t timeout);
 
+// A card that is powered: powered off when the object goes out of scope,
+// unless power_off() was called already or release() handed the card on on
+// purpose (it never came up, or a later call of the same transaction goes on
+// with it powered).
+class PoweredCard {
+public:
+    explicit PoweredCard(uint32_t slot) : slot_(slot) {}
+    ~PoweredCard() {
+        if (armed_) device_power_off();
+    }
+    PoweredCard(const PoweredCard&) = delete;
+    PoweredCard& operator=(const PoweredCard&) = delete;
+
+    // Powers the card off now; the device result.
+    int32_t power_off() {
+        armed_ = false;
+        return device_power_off();
+    }
+    // The card stays as it is: nothing is sent.
+    void release() { armed_ = false; }
+    uint32_t slot() const { return slot_; }
+
+private:
+    int32_t device_power_off() const;
+    uint32_t slot_;
+    bool armed_ = true;
+};
+
 // Opens the link, powers the slot on and off again, closes the link.
 // -1 when the link or the power-on fails, else the power-off result.
 int32_t psam_operate(int32_t term_type, std::string_view tty_name, int32_t port, std::string_view transfer, uint32_t slot);

@@ -14,6 +14,7 @@
 #include "emv/app_select.hpp"
 #include "emv/tags.hpp"
 #include "kolt/kolt.h"
+#include "link/deadline.hpp"
 #include "link/port.hpp"
 #include "support/config.hpp"
 #include "support/hex.hpp"
@@ -215,7 +216,9 @@ Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, std:
 
     Outcome result;
     const AppInit app = start_app(aid_list);
+    device::PoweredCard card(static_cast<uint32_t>(state().slot()));
     if (app.result == kInitPowerOnFailed) {
+        card.release();
         // 卡上电错误: the card never came up, so no power-off is sent.
         log::error_text("KOLT_ICRT_GetICCInfo \xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3%s", "");
         return {app.result - 10, std::string(gbk::kPowerOnError)};
@@ -245,7 +248,7 @@ Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, std:
         }
     }
 
-    const int32_t off = power_off_card();
+    const int32_t off = card.power_off();
     log::debug("getIdCardInfo KOLT_T41_ICC_Poweroff flag=%x", &off, 4);
     return result;
 }
@@ -261,7 +264,8 @@ Outcome star_get_info(std::string_view input) {
 // YS core.
 
 YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid_text) {
-    ::usleep(400 * 1000);
+    // The card information of this family starts with a 400 ms pause.
+    link::sleep_ms(400);
     int32_t flag = 0;
     state().set_slot(do_ic_type(ic_type, &flag));
     log::debug_int("IC_GetInfo ICtype = %d", state().slot());
@@ -277,6 +281,7 @@ YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid
 
     YsOutcome out;
     const AppInit app = start_app_psbc(aid_text);
+    device::PoweredCard card(static_cast<uint32_t>(state().slot()));
     if (app.result != 0) {
         InitFailureLogs logs;
         // 卡上电错误
@@ -288,7 +293,10 @@ YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid
         const InitFailure failure = ic_init_failure(app.result, logs);
         out.code = failure.code;
         out.text = std::string(failure.text);
-        if (!failure.power_off) return out;  // the card never came up
+        if (!failure.power_off) {
+            card.release();  // the card never came up
+            return out;
+        }
     } else {
         // The GET DATA triggers are tested on the caller's own letters,
         // before the YS translation.
@@ -329,7 +337,7 @@ YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid
         }
     }
 
-    const int32_t off = power_off_card();
+    const int32_t off = card.power_off();
     log::debug("IC_GetInfo KOLT_T41_ICC_Poweroff flag=%x", &off, 4);
     return out;
 }

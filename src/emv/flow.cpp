@@ -89,7 +89,6 @@ AppInit start_app_psbc(const char* aid_text) {
     return init_app_psbc(kInitTimeout, static_cast<uint32_t>(state().slot()), bounded(aid_text, kFieldMax));
 }
 
-int32_t power_off_card() { return device::power_off(static_cast<uint32_t>(state().slot())); }
 
 InitFailure ic_init_failure(int32_t init_result, const InitFailureLogs& logs) {
     switch (init_result) {

@@ -102,8 +102,6 @@ link::Session open_link(int32_t term_type, int32_t port, const char* failure_log
 AppInit start_app(std::span<const uint8_t> aid_list);
 AppInit start_app_psbc(const char* aid_text);
 
-// Powers the card off in slot ssICType; the device result.
-int32_t power_off_card();
 
 // The IC_ family's reading of an initiation result other than 0 (both of
 // its cores fold them alike): the result code, the text the card

@@ -122,7 +122,9 @@ LogOutcome icrt_get_tr_detail(int32_t term_type, int32_t port, int32_t ic_type, 
     if (!session.ok()) return {-21, std::string(gbk::kPortOpenError), std::nullopt, 0};
 
     const AppInit app = start_app_psbc(aid_text);
+    device::PoweredCard card(static_cast<uint32_t>(state().slot()));
     if (app.result == kInitPowerOnFailed) {
+        card.release();
         // 卡上电错误: the card never came up, so no power-off is sent.
         return {-11, std::string(gbk::kPowerOnError), std::nullopt, 0};
     }
@@ -155,7 +157,7 @@ LogOutcome icrt_get_tr_detail(int32_t term_type, int32_t port, int32_t ic_type, 
         }
     }
 
-    const int32_t off = power_off_card();
+    const int32_t off = card.power_off();
     log::debug_int("KOLT_ICRT_GetTrDetail KOLT_T41_ICC_Poweroff flag=%d", off);
     return out;
 }
@@ -243,6 +245,7 @@ TxDetailOutcome ic_get_tx_detail(int32_t ic_type, std::span<const uint8_t> aid_l
 
     TxDetailOutcome out;
     const AppInit app = start_app(aid_list);
+    device::PoweredCard card(static_cast<uint32_t>(state().slot()));
     if (app.result != 0) {
         // The same codes as the card information of the IC_ family, but no
         // text in the output.
@@ -256,7 +259,10 @@ TxDetailOutcome ic_get_tx_detail(int32_t ic_type, std::span<const uint8_t> aid_l
         logs.other[1] = "IC_GetTxDetail KOLT_T41_InitICCardApp not ok%s";
         const InitFailure failure = ic_init_failure(app.result, logs);
         out.code = failure.code;
-        if (!failure.power_off) return out;  // the card never came up
+        if (!failure.power_off) {
+            card.release();  // the card never came up
+            return out;
+        }
     } else if (app.log_entry_len < 2) {
         log::error_text("IC_GetTxDetail KOLT_T41_InitICCardApp nLogEntry error%s", "");
         out.code = -10;
@@ -289,7 +295,7 @@ TxDetailOutcome ic_get_tx_detail(int32_t ic_type, std::span<const uint8_t> aid_l
         }
     }
 
-    const int32_t off = power_off_card();
+    const int32_t off = card.power_off();
     log::debug_int("IC_GetTxDetail KOLT_T41_ICC_Poweroff flag=%d", off);
     return out;
 }

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "link/deadline.hpp"
 #include "link/io.hpp"
 #include "link/link_state.hpp"
 #include "support/base64.hpp"
@@ -120,8 +121,7 @@ int bracket_transact(int fd, uint8_t cmd, std::span<const uint8_t> data, std::sp
     while (left.size() >= kPiece) {
         write_wrapped_fd(fd, left.first(kPiece), timeout_s);
         left = left.subspan(kPiece);
-        const timespec pause{0, 200 * 1000 * 1000};
-        nanosleep(&pause, nullptr);
+        sleep_ms(200);
     }
     if (!left.empty()) write_wrapped_fd(fd, left, timeout_s);
 

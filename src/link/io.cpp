@@ -13,67 +13,27 @@
 #include <cstring>
 
 #include "kolt/kolt.h"
+#include "link/deadline.hpp"
 #include "link/link_state.hpp"
 
 namespace kolt::link {
 namespace {
 
-long long now_ms(clockid_t clock) {
-    timespec ts{};
-    clock_gettime(clock, &ts);
-    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
-// A time-out of whole seconds on the wall clock's seconds field: it expires
-// when the seconds field has advanced by the time-out. A monotonic bound of
-// the same length keeps a clock step from stretching the wait.
-class Deadline {
-public:
-    explicit Deadline(int timeout_s) : timeout_(std::max(timeout_s, 0)) {
-        timespec ts{};
-        clock_gettime(CLOCK_REALTIME, &ts);
-        start_s_ = ts.tv_sec;
-        real_end_ms_ = (static_cast<long long>(start_s_) + timeout_) * 1000;
-        mono_end_ms_ = now_ms(CLOCK_MONOTONIC) + static_cast<long long>(timeout_) * 1000;
-    }
-
-    bool expired() const { return remaining_ms() <= 0; }
-
-    // Milliseconds left, rounded up so that a wait never ends early.
-    long long remaining_ms() const {
-        timespec ts{};
-        clock_gettime(CLOCK_REALTIME, &ts);
-        if (ts.tv_sec - start_s_ >= timeout_) return 0;
-        const long long real_left =
-            real_end_ms_ - (static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000);
-        const long long mono_left = mono_end_ms_ - now_ms(CLOCK_MONOTONIC);
-        return std::max(0LL, std::min(real_left, mono_left));
-    }
-
-private:
-    int timeout_;
-    time_t start_s_ = 0;
-    long long real_end_ms_ = 0;
-    long long mono_end_ms_ = 0;
-};
-
-int poll_ms(long long ms) { return static_cast<int>(std::min<long long>(ms, INT_MAX)); }
-
-// Waits until fd is readable or the deadline passes; the poll events.
+// Waits until fd is readable or ms pass; the poll events (a single look,
+// for the pauses before a reply's body and the buffer clearing).
 short wait_readable(int fd, long long ms) {
     pollfd p{fd, POLLIN, 0};
     int r;
     do {
-        r = ::poll(&p, 1, poll_ms(ms));
+        r = ::poll(&p, 1, static_cast<int>(std::clamp<long long>(ms, 0, INT_MAX)));
     } while (r < 0 && errno == EINTR);
     return r > 0 ? p.revents : 0;
 }
 
-void sleep_us(long long us) {
-    if (us <= 0) return;
-    timespec ts{static_cast<time_t>(us / 1000000), static_cast<long>(us % 1000000) * 1000};
-    while (nanosleep(&ts, &ts) < 0 && errno == EINTR) {
-    }
+// A line that reports readiness but yields nothing (its other end has gone)
+// is looked at again after a pause, never in a busy loop.
+void idle(const Deadline& deadline) {
+    sleep_until(Deadline::after_ms(std::min<long long>(deadline.remaining_ms(), kIdleSliceMs)));
 }
 
 // Writes on a descriptor that may be blocking (the terminal's own line in
@@ -104,15 +64,19 @@ enum class Stop { none, first_above_3f };
 // The common read loop of rcv_buf and rcv_buf_100s.
 int read_loop(int fd, std::span<uint8_t> buf, int timeout_s, Stop stop) {
     if (buf.empty() || fd < 0) return 0;
-    Deadline deadline(timeout_s);
+    const Deadline deadline = Deadline::whole_seconds(timeout_s);
     std::size_t got = 0;
     bool first = true;
     while (got < buf.size()) {
         if (!first && deadline.expired()) break;
         first = false;
-        const short ev = wait_readable(fd, deadline.remaining_ms());
-        if (ev & POLLNVAL) break;
-        if (ev == 0) continue;
+        const Wake wake = wait_fd(fd, POLLIN, deadline);
+        if (wake == Wake::invalid) break;
+        if (wake == Wake::timeout) continue;
+        if (wake == Wake::hangup) {
+            idle(deadline);
+            continue;
+        }
         const ssize_t n = ::read(fd, buf.data() + got, buf.size() - got);
         if (n > 0) {
             if (stop == Stop::first_above_3f) {
@@ -125,25 +89,26 @@ int read_loop(int fd, std::span<uint8_t> buf, int timeout_s, Stop stop) {
         }
         if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (n < 0 && errno == EBADF) break;
-        // Readable but nothing to read (the line hung up): pace the retries.
-        sleep_us(std::min<long long>(pacing_us(static_cast<long>(buf.size() - got)),
-                                     deadline.remaining_ms() * 1000));
+        idle(deadline);  // readable but nothing to read: the line hung up
     }
     return static_cast<int>(got);
 }
 
 // Reads single bytes until one of the heads arrives; true when it did.
-bool find_head(int fd, uint8_t& found, uint8_t head_a, uint8_t head_b, int timeout_s,
-               long idle_us) {
+bool find_head(int fd, uint8_t& found, uint8_t head_a, uint8_t head_b, int timeout_s) {
     if (fd < 0) return false;
-    Deadline deadline(timeout_s);
+    const Deadline deadline = Deadline::whole_seconds(timeout_s);
     bool first = true;
     for (;;) {
         if (!first && deadline.expired()) return false;
         first = false;
-        const short ev = wait_readable(fd, deadline.remaining_ms());
-        if (ev & POLLNVAL) return false;
-        if (ev == 0) continue;
+        const Wake wake = wait_fd(fd, POLLIN, deadline);
+        if (wake == Wake::invalid) return false;
+        if (wake == Wake::timeout) continue;
+        if (wake == Wake::hangup) {
+            idle(deadline);
+            continue;
+        }
         uint8_t c = 0;
         const ssize_t n = ::read(fd, &c, 1);
         if (n == 1) {
@@ -155,7 +120,7 @@ bool find_head(int fd, uint8_t& found, uint8_t head_a, uint8_t head_b, int timeo
         }
         if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (n < 0 && errno == EBADF) return false;
-        sleep_us(std::min<long long>(idle_us, deadline.remaining_ms() * 1000));
+        idle(deadline);
     }
 }
 
@@ -172,7 +137,7 @@ long pacing_us(long missing) {
 int write_buf(int fd, std::span<const uint8_t> buf, int timeout_s) {
     if (buf.empty() || fd < 0) return 0;
     NonBlocking nb(fd);
-    Deadline deadline(timeout_s);
+    const Deadline deadline = Deadline::whole_seconds(timeout_s);
     std::size_t done = 0;
     for (;;) {
         const ssize_t n = ::write(fd, buf.data() + done, buf.size() - done);
@@ -181,8 +146,9 @@ int write_buf(int fd, std::span<const uint8_t> buf, int timeout_s) {
         if (n < 0 && errno != EAGAIN && errno != EINTR) break;
         if (deadline.expired()) break;
         // After a partial write wait (at most 200 ms) for room on the line.
-        pollfd p{fd, POLLOUT, 0};
-        ::poll(&p, 1, poll_ms(std::min<long long>(200, deadline.remaining_ms())));
+        if (wait_fd(fd, POLLOUT, Deadline::after_ms(std::min<long long>(200, deadline.remaining_ms()))) ==
+            Wake::hangup)
+            break;
     }
     return static_cast<int>(done);
 }
@@ -198,7 +164,7 @@ int rcv_buf_100s(int fd, std::span<uint8_t> buf, int timeout_s) {
 int rcv_from_head(int fd, std::span<uint8_t> buf, uint8_t head, int timeout_s) {
     if (buf.empty()) return 0;
     uint8_t found = 0;
-    if (!find_head(fd, found, head, head, timeout_s, 200)) return -1;
+    if (!find_head(fd, found, head, head, timeout_s)) return -1;
     buf[0] = found;
     return 1 + rcv_buf(fd, buf.subspan(1), timeout_s);
 }
@@ -206,14 +172,14 @@ int rcv_from_head(int fd, std::span<uint8_t> buf, uint8_t head, int timeout_s) {
 int rcv_from_2heads(int fd, std::span<uint8_t> buf, uint8_t head_a, uint8_t head_b, int timeout_s) {
     if (buf.empty()) return 0;
     uint8_t found = 0;
-    if (!find_head(fd, found, head_a, head_b, timeout_s, 300000)) return -1;
+    if (!find_head(fd, found, head_a, head_b, timeout_s)) return -1;
     buf[0] = found;
     return 1 + rcv_buf(fd, buf.subspan(1), timeout_s);
 }
 
 int clear_com_buf(int fd) {
     if (fd < 0) return 0;
-    const long long start = now_ms(CLOCK_MONOTONIC);
+    const long long start = monotonic_ms();
     uint8_t scratch[255];
     long long wait = 0;  // the first read takes only what is there
     for (;;) {
@@ -221,7 +187,7 @@ int clear_com_buf(int fd) {
         if (!(ev & (POLLIN | POLLHUP | POLLERR))) return 0;
         const ssize_t n = ::read(fd, scratch, sizeof scratch);
         if (n <= 0) return 0;
-        if (now_ms(CLOCK_MONOTONIC) - start > 5000) return -1;
+        if (monotonic_ms() - start > 5000) return -1;
         wait = 200;  // data came: look again within 200 ms
     }
 }

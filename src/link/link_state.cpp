@@ -21,7 +21,7 @@ void reset() {
 
 void set_seq(char (&buf)[kSeqSize], std::string_view text) {
     const std::size_t n = std::min(text.size(), kSeqSize - 1);
-    std::memcpy(buf, text.data(), n);
+    if (n > 0) std::memcpy(buf, text.data(), n);
     std::memset(buf + n, 0, kSeqSize - n);
 }
 

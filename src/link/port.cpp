@@ -43,7 +43,7 @@ int to_int(long long v) { return static_cast<int>(std::clamp<long long>(v, INT_M
 // Copies a text into a caller's sequence buffer with its terminator.
 void copy_seq(std::span<char, kSeqSize> out, std::string_view text) {
     const std::size_t n = std::min(text.size(), kSeqSize - 1);
-    std::memcpy(out.data(), text.data(), n);
+    if (n > 0) std::memcpy(out.data(), text.data(), n);
     out[n] = '\0';
 }
 

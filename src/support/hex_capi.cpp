@@ -87,7 +87,7 @@ KOLT_API int32_t byteBuf2BCDBuf(const char* digits, int32_t n, uint8_t* out, int
     const std::vector<uint8_t> packed = ks::pack_bcd(std::string_view(digits, ::strnlen(digits, static_cast<size_t>(n))));
     // Only the packed bytes are written, right-aligned in out[0..width-1];
     // nothing beyond width is touched.
-    std::memcpy(out + (width - static_cast<int32_t>(packed.size())), packed.data(), packed.size());
+    if (!packed.empty()) std::memcpy(out + (width - static_cast<int32_t>(packed.size())), packed.data(), packed.size());
     return width;
 }
 
