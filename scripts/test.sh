@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs the whole test suite twice: a normal build, then a build with
 # AddressSanitizer and UndefinedBehaviorSanitizer (halting on the first error).
+# Both build with -Werror (KOLT_WERROR), as CI does.
 source "$(dirname "$0")/common.sh"
 kolt_ensure_packages "${KOLT_BUILD_PACKAGES[@]}"
 
@@ -8,11 +9,11 @@ cd "$KOLT_ROOT"
 start=$(date +%s)
 
 echo "== normal build"
-kolt_build build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo
+kolt_build build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKOLT_WERROR=ON
 (cd build/release && ctest --output-on-failure -j "$KOLT_JOBS" --timeout 180)
 
 echo "== AddressSanitizer + UBSan build"
-kolt_build build/asan -DCMAKE_BUILD_TYPE=Debug -DKOLT_SANITIZE=ON
+kolt_build build/asan -DCMAKE_BUILD_TYPE=Debug -DKOLT_SANITIZE=ON -DKOLT_WERROR=ON
 export ASAN_OPTIONS="halt_on_error=1:abort_on_error=1:detect_leaks=1"
 export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
 (cd build/asan && ctest --output-on-failure -j "$KOLT_JOBS" --timeout 300)

@@ -1,6 +1,7 @@
 // Card information in the YS convention of the IC_ family, end to end
 // through the simulated reader: IC_GetInfo_YS (on a link the caller opened)
-// and its wrapper IC_GetInfo.
+// and its wrapper IC_GetInfo. (The log switch from kolt.ini is checked in
+// cardinfo_ys_exec_test.cpp.)
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -236,7 +237,7 @@ INSTANTIATE_TEST_SUITE_P(Selection, YsSelectionFailureTest, ::testing::ValuesIn(
 TEST_F(YsInfoTest, FailingReadRecord) {
     auto card = load_card("pboc_debit.json");
     sim().set_contact_card(card);
-    kolt::test::silence_read_record(sim(), card, 3);
+    kolt::test::fail_read_record(sim(), 3);
     const YsCall c = ys(0, "AL");  // L is never found: SFI 3 is read
     EXPECT_EQ(c.rc, -10);
     EXPECT_EQ(c.out, kReadRecordError);
@@ -402,53 +403,6 @@ TEST_F(IcGetInfoTest, NullArgumentsDoNotCrash) {
 TEST_F(IcGetInfoTest, LongPortNameIsCut) {
     EXPECT_EQ(ic_info(std::string(100, 'p'), 1, "A").rc, -3);
     EXPECT_EQ(std::string(gPortName), std::string(31, 'p'));
-}
-
-// ---------------------------------------------------------------------------
-// The log switch comes from "kolt.ini" beside the library. The test runs a
-// copy of this program from a directory of its own (the library is linked
-// into it, so its directory is the program's), with or without a kolt.ini
-// there; the copy makes the call and checks the switch.
-
-const char* const kChildExpect = "KOLT_CARDINFO_EXPECT_SWITCH";
-const char* const kChildLogDir = "KOLT_CARDINFO_LOG_DIR";
-
-int run_copy_of_self(const kolt::test::TempDir& dir, const std::string& filter, const std::string& expect) {
-    return kolt::test::run_copy_of_self(dir.path() / "cardinfo_copy", filter,
-                                        {{kChildExpect, expect}, {kChildLogDir, (dir.path() / "log").string()}});
-}
-
-// In the copy: IC_GetInfo sets the switch before it opens the port.
-void check_switch_in_copy() {
-    const int expect = std::atoi(std::getenv(kChildExpect));
-    kolt::log::set_debug_dir(std::getenv(kChildLogDir));
-    kolt::log::set_switch(9);
-    int32_t ic_type = 1;
-    int32_t len = 0;
-    char out[64] = {0};
-    EXPECT_EQ(IC_GetInfo("kolt-no-such-device", 0, 0, 0, &ic_type, "", "A", &len, out), -3);
-    EXPECT_EQ(kolt::log::switch_value(), expect);
-}
-
-TEST(IcGetInfoLogSwitch, ReadFromKoltIniBesideTheLibrary) {
-    if (std::getenv(kChildExpect) != nullptr) return check_switch_in_copy();
-    kolt::test::TempDir dir;
-    dir.write("kolt.ini", "[icc]\nlog=4\n");
-    EXPECT_EQ(run_copy_of_self(dir, "IcGetInfoLogSwitch.ReadFromKoltIniBesideTheLibrary", "4"), 0);
-    // With the switch on, the call's own trace went to the debug log.
-    bool logged = false;
-    for (const auto& f : std::filesystem::directory_iterator(dir.path() / "log")) {
-        if (kolt::test::read_file(f.path().string()).find("ID_GetInfo g_nWriteDebugLog=4") != std::string::npos)
-            logged = true;
-    }
-    EXPECT_TRUE(logged);
-}
-
-TEST(IcGetInfoLogSwitch, OffWithoutKoltIni) {
-    if (std::getenv(kChildExpect) != nullptr) return check_switch_in_copy();
-    kolt::test::TempDir dir;
-    EXPECT_EQ(run_copy_of_self(dir, "IcGetInfoLogSwitch.OffWithoutKoltIni", "0"), 0);
-    EXPECT_FALSE(std::filesystem::exists(dir.path() / "log"));
 }
 
 }  // namespace

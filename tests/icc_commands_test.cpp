@@ -132,6 +132,12 @@ TEST_F(Icc, AutoPowerOnWithoutAnyCardTriesBothSlotsOnce) {
     EXPECT_EQ(commands(sim()), (std::vector<std::string>{"32 22 000000", "32 24 0000"}));
 }
 
+// The device layer's one test of a real time-out that only needs the
+// command to fail: the reader stays silent and the power-on waits out its
+// time (the shortest, timeout 0 takes one second). Elsewhere a damaged reply
+// gives the same failure at once; the tests named ...WithinItsTimeOut,
+// ...UsesTheCallersTimeOut and PowerOnWithTenSeconds... measure the time-outs
+// themselves.
 TEST_F(Icc, PowerOnWithoutAnswerIsRevdataErrorAndStoresNoSlot) {
     sim().set_contact_card(card("pboc_debit"));
     sim().inject_for(0x32, 0x22, kolt::sim::Fault{kolt::sim::Fault::NoReply, 0});

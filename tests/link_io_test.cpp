@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/pty_util.hpp"
+#include "common/test_util.hpp"
 #include "kolt/kolt.h"
 #include "link/io.hpp"
 
@@ -20,7 +21,9 @@ namespace {
 using kolt::test::Clock;
 using kolt::test::elapsed_ms;
 using kolt::test::ms_since;
+using kolt::test::pending_input;
 using kolt::test::Pty;
+using kolt::test::wait_until;
 
 std::vector<uint8_t> buffer(size_t n) { return std::vector<uint8_t>(n, 0xEE); }
 
@@ -171,7 +174,7 @@ TEST(LinkIo, RcvBufFrom2DisHeadByteTakesEitherHead) {
 TEST(LinkIo, ClearComBufDiscardsPendingInput) {
     Pty pty;
     pty.send(std::string(600, 'x'));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_TRUE(wait_until([&] { return pending_input(pty.slave()) >= 600; }));
     EXPECT_EQ(KOLT_clearComBuf(pty.slave()), 0);
     pty.send("Y");
     auto buf = buffer(4);
@@ -194,7 +197,7 @@ TEST(LinkIo, ClearComBufGivesUpAfterFiveSecondsOfContinuousData) {
             std::this_thread::sleep_for(std::chrono::milliseconds(40));
         }
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_TRUE(wait_until([&] { return pending_input(pty.slave()) > 0; }));  // the chatter has begun
     EXPECT_EQ(KOLT_clearComBuf(pty.slave()), -1);
     stop = true;
     chatter.join();
@@ -205,7 +208,7 @@ TEST(LinkIo, SelectFdReportsReadableAndWritable) {
     EXPECT_EQ(select_fd(pty.slave(), 1, 0.0), 0);
     EXPECT_EQ(select_fd(pty.slave(), 2, 1.0), 1);
     pty.send("x");
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_TRUE(wait_until([&] { return pending_input(pty.slave()) == 1; }));
     EXPECT_EQ(select_fd(pty.slave(), 1, 1.0), 1);
     EXPECT_EQ(select_fd(pty.slave(), 3, 1.0), 2);
     EXPECT_EQ(select_fd(-1, 1, 1.0), -1);
@@ -226,7 +229,7 @@ TEST(LinkIo, SendAndReceiveDataArePlainTransfers) {
     uint8_t in[8] = {};
     EXPECT_EQ(KOLT_ReceiveData(pty.slave(), in, 8), 0);  // nothing there: no wait
     pty.send("xy");
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_TRUE(wait_until([&] { return pending_input(pty.slave()) == 2; }));
     EXPECT_EQ(KOLT_ReceiveData(pty.slave(), in, 8), 2);
 }
 

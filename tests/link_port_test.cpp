@@ -348,8 +348,9 @@ TEST(LinkLocal, OpenComOfAMissingDeviceGivesMinusOne) {
 TEST(LinkLocal, OpenAndCloseThroughOpenComOrAux) {
     TermPty pty;
     set_port_name(pty.name());
-    pty.send("stale input");
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    pty.send("stale input\n");
+    // Arrived: a whole line, so that the terminal in canonical mode counts it.
+    ASSERT_TRUE(kolt::test::wait_until([&] { return kolt::test::pending_input(pty.slave()) > 0; }));
     EXPECT_EQ(KOLT_openComOrAux("", "0", "1", "", ""), 0);
     const int fd = kolt::link::state().fd;
     ASSERT_GT(fd, 2);

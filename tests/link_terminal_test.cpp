@@ -34,8 +34,7 @@ kolt::sim::Options terminal(int type, int port, const std::string& ext_file = ""
 // a moment to catch up with the last sequences written.
 template <class Pred>
 bool settle(Pred pred) {
-    for (int i = 0; i < 200 && !pred(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    return pred();
+    return kolt::test::wait_until(pred);
 }
 
 bool closed(kolt::sim::Simulator& sim) {
@@ -94,14 +93,32 @@ void buzz_session(kolt::sim::Simulator& sim, int type, int port) {
     EXPECT_TRUE(sim.terminal_errors().empty()) << join(sim.terminal_errors());
 }
 
+// How often text occurs in what the terminal received.
+int count_received(const kolt::sim::Simulator& sim, const std::string& text) {
+    const auto raw = sim.raw_received();
+    const std::string all(raw.begin(), raw.end());
+    int n = 0;
+    for (auto at = all.find(text); at != std::string::npos; at = all.find(text, at + text.size())) ++n;
+    return n;
+}
+
 TEST(LinkTerminal, TypeFivePortOneClosesTwice) {
     ScopedSimulator sim(terminal(5, 1));
     buzz_session(*sim, 5, 1);
+    // The terminal takes the doubled close sequence as the one close of
+    // this port: written once, it would be left incomplete (an error).
+    EXPECT_EQ(sim->terminal_events(), (Events{"lock", "open", "lead", "end", "close", "unlock"}));
+    const std::string close = kolt::test::kEsc + "[/50l";
+    EXPECT_EQ(count_received(*sim, close + close), 1);
+    EXPECT_EQ(count_received(*sim, close), 2);
 }
 
 TEST(LinkTerminal, TypeFivePortFourClosesWithAnEmptySequence) {
     ScopedSimulator sim(terminal(5, 4));
     buzz_session(*sim, 5, 4);
+    // No close at all: the unlock ends the session and closes the port.
+    EXPECT_EQ(sim->terminal_events(), (Events{"lock", "open", "lead", "end", "unlock"}));
+    EXPECT_EQ(count_received(*sim, kolt::test::kEsc + "[/50l"), 0);
 }
 
 TEST(LinkTerminal, PublicTypeOnThe_ProcessTerminal) {

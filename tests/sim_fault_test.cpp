@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "common/sim_fixture.hpp"
+#include "common/test_util.hpp"
 #include "kolt_sim/frame.hpp"
 #include "kolt_sim/simulator.hpp"
 
@@ -111,7 +112,11 @@ TEST_F(SimFault, CloseMidFrameThenTheLineComesBack) {
     // While the line is dead, commands are lost.
     line->write(kRfOn);
     EXPECT_TRUE(line->read_for(100).empty());
-    std::this_thread::sleep_for(std::chrono::milliseconds(800));
+    // Until it comes back at the end of the 800 ms.
+    EXPECT_TRUE(kolt::test::wait_until([&] {
+        line->write(kRfOn);
+        return line->read_until(0x03, 100) == kOk;
+    }));
     EXPECT_EQ(rf_on(), kOk);
     EXPECT_TRUE(sim->running());
 }
@@ -126,6 +131,24 @@ TEST_F(SimFault, InjectForOneCommandLeavesOthersAlone) {
     EXPECT_TRUE(line->read_for(200).empty());
     line->write(encode_main_command(0x31, 0x13, Bytes{0x02, 0x01, 0x01}));
     EXPECT_EQ(line->read_until(0x03, 1500), kOk);
+}
+
+TEST_F(SimFault, InjectWhenOnlyForTheCommandsItAccepts) {
+    // Buzzer commands whose first data byte is 05.
+    sim->inject_when(0x31, 0x13, [](const Command& c) { return !c.data.empty() && c.data[0] == 0x05; },
+                     Fault{Fault::BadCheck}, 2);
+    auto buzz = [&](uint8_t first) {
+        line->write(encode_main_command(0x31, 0x13, Bytes{first, 0x01, 0x01}));
+        return line->read_until(0x03, 1500);
+    };
+    const Bytes bad = stx_etx("0002000001");
+    EXPECT_EQ(rf_on(), kOk);    // another command
+    EXPECT_EQ(buzz(0x02), kOk);  // the same command, not accepted
+    EXPECT_EQ(buzz(0x05), bad);
+    EXPECT_EQ(buzz(0x02), kOk);
+    EXPECT_EQ(buzz(0x05), bad);
+    EXPECT_EQ(buzz(0x05), kOk);  // both used up
+    EXPECT_EQ(sim->buzzer_count(), 5);  // damaged or not, every one was carried out
 }
 
 TEST_F(SimFault, CountAndForever) {

@@ -50,9 +50,7 @@ struct Session {
     Bytes reply() { return line->read_until(0x03, 1500); }
     // Waits until the terminal has seen `n` events.
     bool settle(size_t n) {
-        for (int i = 0; i < 150 && sim->terminal_events().size() < n; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        return sim->terminal_events().size() >= n;
+        return kolt::test::wait_until([&] { return sim->terminal_events().size() >= n; });
     }
     std::unique_ptr<Simulator> sim;
     std::unique_ptr<RawLine> line;
@@ -171,8 +169,7 @@ TEST(SimTerminal, Type5Port1SingleCloseReported) {
     Session s(5, 1);
     s.send({kLock, kOpen11, kClose1, kUnlock});
     ASSERT_TRUE(s.settle(3));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_FALSE(s.sim->terminal_errors().empty());
+    EXPECT_TRUE(kolt::test::wait_until([&] { return !s.sim->terminal_errors().empty(); }));
     EXPECT_TRUE(s.sim->aux_open());
 }
 
@@ -224,7 +221,7 @@ TEST(SimTerminal, Type51WrongLockReported) {
     Session s(51, 1, path);
     s.send({ESC + "[3h", ESC + "[/50h"});
     ASSERT_TRUE(s.settle(1));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_TRUE(kolt::test::wait_until([&] { return s.sim->terminal_errors().size() >= 2; }));
     const auto errors = s.sim->terminal_errors();
     ASSERT_GE(errors.size(), 2u) << join(errors);
     EXPECT_NE(errors[0].find("ESC[3h"), std::string::npos) << join(errors);

@@ -4,8 +4,11 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <string>
 #include <vector>
 
+#include "common/card_flow.hpp"
 #include "common/test_util.hpp"
 #include "kolt/kolt.h"
 #include "support/tlv.hpp"
@@ -322,9 +325,24 @@ TEST(TlvPack, RoundTrip) {
 }
 
 TEST(TlvDebugHook, WritesNothing) {
-    // The codec's trace hook is kept at its places but writes nothing; it
-    // must accept any arguments.
+    // The codec's trace hook is kept at its places but writes nothing, even
+    // with the log switch on: no debug log, no error log line, nothing on
+    // standard output or standard error. It must accept any arguments.
+    kolt::test::DebugLogCapture debug;  // switch on, debug log in a directory of its own
+    const kolt::test::ErrorLogTail error_log;
+    ::testing::internal::CaptureStdout();
+    ::testing::internal::CaptureStderr();
+    const uint32_t size = 1;
+    KOLT_TLV_debugWriteLog("tlv_parser tlv->val.size 1= %d", &size, 0);
     KOLT_TLV_debugWriteLog("tlv_parser tlv->val.size 1= %d", nullptr, 0);
     KOLT_TLV_debugWriteLog(nullptr, nullptr, -1);
-    SUCCEED();
+    // The codec's own calls of the hook.
+    const auto items = bytes({0x9F, 0x36, 0x02, 0x00, 0x01, 0x5A, 0x01, 0x12});
+    EXPECT_EQ(count_tlv_substring(items.data(), size_of(items), 1), 2);
+    const std::string out = ::testing::internal::GetCapturedStdout();
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(out, "");
+    EXPECT_EQ(err, "");
+    EXPECT_TRUE(std::filesystem::is_empty(debug.dir().path()));
+    EXPECT_EQ(error_log.text(), "");
 }

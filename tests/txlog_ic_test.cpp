@@ -167,7 +167,7 @@ TEST_F(IcTxDetailTest, FormatBeginningWithTime) {
 TEST_F(IcTxDetailTest, FailingReadRecordGivesTen) {
     auto card = load_card("pboc_debit.json");
     sim().set_contact_card(card);
-    kolt::test::silence_read_record(sim(), card, 11, 2);  // record 2 of the log: no reply
+    kolt::test::fail_read_record(sim(), 11, 2);  // record 2 of the log: a damaged reply
     const TxCall c = tx(1);
     EXPECT_EQ(c.rc, 10);
     EXPECT_EQ(std::string(c.out.data()), kReadRecordError);

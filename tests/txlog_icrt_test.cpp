@@ -246,7 +246,7 @@ TEST_F(TxLogTest, RecordsBeyondTheOutputAreNotRead) {
 TEST_F(TxLogTest, FailingReadRecord) {
     auto card = load_card("pboc_debit.json");
     sim().set_contact_card(card);
-    kolt::test::silence_read_record(sim(), card, 11);
+    kolt::test::fail_read_record(sim(), 11);
     int rc = -1;
     const std::string out = core(0, &rc);
     EXPECT_EQ(rc, Revdata_Error - 22);

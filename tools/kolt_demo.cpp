@@ -112,14 +112,16 @@ void usage() {
                  "[--ic-type 0] [--port-no 1] [--log]\n");
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+struct Args {
     std::string port;
     std::string letters = "ABEIJ";
     int ic_type = 0;  // contact
     int port_no = 1;
     bool with_log = false;
+};
+
+// Reads the command line; false (after the usage text) when it is wrong.
+bool parse_args(int argc, char** argv, Args& a) {
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         auto next = [&]() -> std::string {
@@ -129,103 +131,136 @@ int main(int argc, char** argv) {
             }
             return argv[++i];
         };
-        if (arg == "--port") port = next();
-        else if (arg == "--port-file") port = read_port_file(next());
-        else if (arg == "--letters") letters = next();
-        else if (arg == "--ic-type") ic_type = std::atoi(next().c_str());
-        else if (arg == "--port-no") port_no = std::atoi(next().c_str());
-        else if (arg == "--log") with_log = true;
+        if (arg == "--port") a.port = next();
+        else if (arg == "--port-file") a.port = read_port_file(next());
+        else if (arg == "--letters") a.letters = next();
+        else if (arg == "--ic-type") a.ic_type = std::atoi(next().c_str());
+        else if (arg == "--port-no") a.port_no = std::atoi(next().c_str());
+        else if (arg == "--log") a.with_log = true;
         else {
             usage();
-            return 2;
+            return false;
         }
     }
-    if (port.empty() || port.size() >= sizeof gPortName) {
+    if (a.port.empty() || a.port.size() >= sizeof gPortName) {
         usage();
-        return 2;
+        return false;
     }
+    return true;
+}
+
+// Card information: terminal type 0 (local port), the IC type, an empty
+// AID list (the card's directory chooses the application).
+bool print_card_info(const Args& a) {
+    std::vector<char> out(8192, 0);
+    const int32_t rc = ICRT_GetICCInfo(0, a.port_no, a.ic_type, "", a.letters.c_str(), out.data());
+    const std::string text(out.data());
+    std::printf("== ICRT_GetICCInfo(letters \"%s\") = %d\n", a.letters.c_str(), rc);
+    std::printf("   output: %s\n", gbk_to_utf8(text).c_str());
+    if (rc != 0) return false;
+    std::vector<Field> fields;
+    if (!parse_fields(text, fields)) {
+        std::printf("   (the output is not a letter list)\n");
+        return false;
+    }
+    for (const Field& f : fields) {
+        if (f.value.empty())
+            std::printf("   %c (%s): not on the card\n", f.letter, letter_name(f.letter));
+        else
+            std::printf("   %c (%s): %s\n", f.letter, letter_name(f.letter), gbk_to_utf8(f.value).c_str());
+    }
+    return true;
+}
+
+// One transaction of the log, with the fields the table shows.
+struct Transaction {
+    std::string date, time, amount, type, atc, merchant;
+};
+
+Transaction transaction_of(const std::vector<Field>& row) {
+    Transaction t;
+    for (const Field& f : row) {
+        switch (f.letter) {
+            case 'S': t.date = f.value; break;
+            case 'U': t.time = f.value; break;
+            case 'P': t.amount = f.value; break;
+            case 'T': t.type = f.value; break;
+            case 'X': t.atc = f.value; break;
+            case 'W': t.merchant = f.value; break;
+            default: break;
+        }
+    }
+    return t;
+}
+
+// "YYYY-MM-DD HH:MM:SS" from YYMMDD and HHMMSS, else both as they are.
+std::string when_of(const std::string& date, const std::string& time) {
+    if (date.size() != 6 || time.size() != 6) return date + " " + time;
+    return "20" + date.substr(0, 2) + "-" + date.substr(2, 2) + "-" + date.substr(4, 2) + " " + time.substr(0, 2) +
+           ":" + time.substr(2, 2) + ":" + time.substr(4, 2);
+}
+
+// Units and hundredths from twelve digits of minor units, else as it is.
+std::string money_of(const std::string& amount) {
+    if (amount.size() != 12) return amount;
+    const long long cents = std::atoll(amount.c_str());
+    return std::to_string(cents / 100) + "." + (cents % 100 < 10 ? "0" : "") + std::to_string(cents % 100);
+}
+
+// One record: P amount, Q other amount, R currency, S date (YYMMDD), T type,
+// U time (HHMMSS), V country, W merchant, X application transaction counter.
+std::vector<std::vector<Field>> split_records(const std::vector<Field>& fields) {
+    std::vector<std::vector<Field>> rows;
+    for (const Field& f : fields) {
+        if (f.letter == 'P' || rows.empty()) rows.emplace_back();
+        rows.back().push_back(f);
+    }
+    return rows;
+}
+
+void print_log_table(const std::vector<Field>& fields) {
+    const auto rows = split_records(fields);
+    std::printf("   %-19s %12s  %-4s %-4s  %s\n", "date", "amount", "type", "ATC", "merchant");
+    for (const auto& row : rows) {
+        const Transaction t = transaction_of(row);
+        std::printf("   %-19s %12s  %-4s %-4s  %s\n", when_of(t.date, t.time).c_str(), money_of(t.amount).c_str(),
+                    t.type.c_str(), t.atc.c_str(), gbk_to_utf8(t.merchant).c_str());
+    }
+    std::printf("   (%zu records, oldest first)\n", rows.size());
+}
+
+// The card's transaction log through ICRT_GetTrDetail.
+bool print_transaction_log(const Args& a) {
+    std::vector<char> log(4096, 0);
+    const int32_t lrc = ICRT_GetTrDetail(0, a.port_no, a.ic_type, 0, "", log.data());
+    const std::string records(log.data());
+    std::printf("== ICRT_GetTrDetail(index 0) = %d\n", lrc);
+    if (lrc != 0) return false;
+    if (records.empty()) {
+        std::printf("   no transactions in the card's log\n");
+        return true;
+    }
+    std::vector<Field> fields;
+    if (!parse_fields(records, fields)) {
+        std::printf("   (the log is not a letter list)\n");
+        return false;
+    }
+    print_log_table(fields);
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Args a;
+    if (!parse_args(argc, argv, a)) return 2;
 
     std::memset(gPortName, 0, sizeof gPortName);
-    std::memcpy(gPortName, port.data(), port.size());
+    std::memcpy(gPortName, a.port.data(), a.port.size());
     std::printf("== reader on /dev/%s\n", gPortName);
 
-    // Card information: terminal type 0 (local port), the IC type, an empty
-    // AID list (the card's directory chooses the application).
-    std::vector<char> out(8192, 0);
-    const int32_t rc = ICRT_GetICCInfo(0, port_no, ic_type, "", letters.c_str(), out.data());
-    const std::string text(out.data());
-    std::printf("== ICRT_GetICCInfo(letters \"%s\") = %d\n", letters.c_str(), rc);
-    std::printf("   output: %s\n", gbk_to_utf8(text).c_str());
-    bool ok = (rc == 0);
-    std::vector<Field> fields;
-    if (ok && parse_fields(text, fields)) {
-        for (const Field& f : fields) {
-            if (f.value.empty())
-                std::printf("   %c (%s): not on the card\n", f.letter, letter_name(f.letter));
-            else
-                std::printf("   %c (%s): %s\n", f.letter, letter_name(f.letter),
-                            gbk_to_utf8(f.value).c_str());
-        }
-    } else if (ok) {
-        std::printf("   (the output is not a letter list)\n");
-        ok = false;
-    }
-
-    if (with_log) {
-        std::vector<char> log(4096, 0);
-        const int32_t lrc = ICRT_GetTrDetail(0, port_no, ic_type, 0, "", log.data());
-        const std::string records(log.data());
-        std::printf("== ICRT_GetTrDetail(index 0) = %d\n", lrc);
-        if (lrc != 0) {
-            ok = false;
-        } else if (records.empty()) {
-            std::printf("   no transactions in the card's log\n");
-        } else {
-            std::vector<Field> lf;
-            if (!parse_fields(records, lf)) {
-                std::printf("   (the log is not a letter list)\n");
-                ok = false;
-            } else {
-                // One record: P amount, Q other amount, R currency, S date
-                // (YYMMDD), T type, U time (HHMMSS), V country, W merchant,
-                // X application transaction counter.
-                std::vector<std::vector<Field>> rows;
-                for (const Field& f : lf) {
-                    if (f.letter == 'P' || rows.empty()) rows.emplace_back();
-                    rows.back().push_back(f);
-                }
-                std::printf("   %-19s %12s  %-4s %-4s  %s\n", "date", "amount", "type", "ATC", "merchant");
-                for (const auto& row : rows) {
-                    std::string date, time, amount, type, atc, merchant;
-                    for (const Field& f : row) {
-                        switch (f.letter) {
-                            case 'S': date = f.value; break;
-                            case 'U': time = f.value; break;
-                            case 'P': amount = f.value; break;
-                            case 'T': type = f.value; break;
-                            case 'X': atc = f.value; break;
-                            case 'W': merchant = f.value; break;
-                            default: break;
-                        }
-                    }
-                    std::string when = date.size() == 6 && time.size() == 6
-                                           ? "20" + date.substr(0, 2) + "-" + date.substr(2, 2) + "-" +
-                                                 date.substr(4, 2) + " " + time.substr(0, 2) + ":" +
-                                                 time.substr(2, 2) + ":" + time.substr(4, 2)
-                                           : date + " " + time;
-                    std::string money = amount;
-                    if (amount.size() == 12) {
-                        const long long cents = std::atoll(amount.c_str());
-                        money = std::to_string(cents / 100) + "." + (cents % 100 < 10 ? "0" : "") +
-                                std::to_string(cents % 100);
-                    }
-                    std::printf("   %-19s %12s  %-4s %-4s  %s\n", when.c_str(), money.c_str(), type.c_str(),
-                                atc.c_str(), gbk_to_utf8(merchant).c_str());
-                }
-                std::printf("   (%zu records, oldest first)\n", rows.size());
-            }
-        }
-    }
+    bool ok = print_card_info(a);
+    if (a.with_log && !print_transaction_log(a)) ok = false;
 
     std::printf("== %s\n", ok ? "card read successfully" : "FAILED");
     return ok ? 0 : 1;

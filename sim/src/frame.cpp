@@ -220,4 +220,21 @@ std::optional<Bytes> decode_86(std::span<const uint8_t> wire) {
     return Bytes(bytes->begin() + 3, bytes->end() - 2);
 }
 
+// --- replies ----------------------------------------------------------------------
+
+Bytes encode_answer(const Answer& answer, const Tweak& tw) {
+    const Reply& r = answer.reply;
+    switch (answer.form) {
+        case ReplyForm::Main: return encode_main_frame(r.s1, r.s2, r.data, tw);
+        case ReplyForm::Special: {
+            Bytes body{r.s1, r.s2};
+            body.insert(body.end(), r.data.begin(), r.data.end());
+            return encode_special_frame(body, tw);
+        }
+        case ReplyForm::Bracket: return encode_bracket_frame(answer.cmd, r.data, tw);
+        case ReplyForm::Legacy86: return encode_86_frame(r.data, tw);
+    }
+    return {};
+}
+
 }  // namespace kolt::sim

@@ -1,7 +1,9 @@
-// Encoders with deliberate defects, for fault injection.
+// Encoders with deliberate defects, for fault injection, and the wire form
+// of a reply.
 #pragma once
 
 #include "kolt_sim/frame.hpp"
+#include "kolt_sim/simulator.hpp"
 
 namespace kolt::sim {
 
@@ -16,5 +18,25 @@ Bytes encode_bracket_frame(uint8_t cmd, std::span<const uint8_t> data, const Twe
 Bytes encode_86_frame(std::span<const uint8_t> payload, const Tweak& tw);
 // The three length characters of a bracket frame as a count.
 std::optional<uint16_t> bracket_length(std::span<const uint8_t> three);
+
+// A command's class and code as one key.
+constexpr uint16_t key_of(uint8_t cls, uint8_t code) { return static_cast<uint16_t>(cls << 8 | code); }
+
+// How a reply goes on the wire.
+enum class ReplyForm {
+    Main,      // main frame: the status pair and the data
+    Special,   // the identity-card read reply: status pair and data as base64 text
+    Bracket,   // bracket frame: `cmd` and the data as its body
+    Legacy86,  // 0x86 family: the data as the payload
+};
+
+// A reply as the command handling decided it, before it is encoded.
+struct Answer {
+    ReplyForm form = ReplyForm::Main;
+    Reply reply;      // Bracket and Legacy86 use only the data
+    uint8_t cmd = 0;  // Bracket: the command byte of the reply frame
+};
+
+Bytes encode_answer(const Answer& answer, const Tweak& tw);
 
 }  // namespace kolt::sim

@@ -1,31 +1,12 @@
-// The simulator's server: pseudo-terminal, frame parser, command handling,
-// fault injection and output pacing.
+// The public face of the simulator: the device model, the command dispatch
+// and the frame server put together, behind one lock.
 #include "kolt_sim/simulator.hpp"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <termios.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cerrno>
-#include <chrono>
-#include <condition_variable>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <mutex>
-#include <thread>
-#include <utility>
-
-#include "frame_internal.hpp"
-#include "terminal_internal.hpp"
-#include "util_internal.hpp"
+#include "device_model_internal.hpp"
+#include "dispatch_internal.hpp"
+#include "frame_server_internal.hpp"
 
 namespace kolt::sim {
-
-using Clock = std::chrono::steady_clock;
-using namespace std::chrono_literals;
 
 const char* framing_name(Framing f) {
     switch (f) {
@@ -38,769 +19,100 @@ const char* framing_name(Framing f) {
     return "?";
 }
 
-namespace {
-
-constexpr uint16_t key_of(uint8_t cls, uint8_t code) { return static_cast<uint16_t>(cls << 8 | code); }
-
-// Stray bytes written before a reply by the GarbageBefore fault; none of
-// them can start a reply of any framing.
-const Bytes kGarbage = {0x00, 0x55, 0xAA, 'Z', 0x7F, 0xFF};
-
-bool is_nibble(uint8_t c) { return c >= 0x30 && c <= 0x3F; }
-bool is_b64(uint8_t c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' || c == '/' ||
-           c == '=';
-}
-
-// A descriptor that closes itself.
-class Fd {
-public:
-    Fd() = default;
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd() { reset(); }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    Fd(Fd&& o) noexcept : fd_(std::exchange(o.fd_, -1)) {}
-    Fd& operator=(Fd&& o) noexcept {
-        if (this != &o) {
-            reset();
-            fd_ = std::exchange(o.fd_, -1);
-        }
-        return *this;
-    }
-    int get() const { return fd_; }
-    void reset() {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
-    }
-
-private:
-    int fd_ = -1;
-};
-
-[[noreturn]] void sys_fail(const std::string& what) {
-    throw std::runtime_error("kolt-sim: " + what + ": " + std::strerror(errno));
-}
-
-}  // namespace
-
 struct Simulator::Impl {
-    // A reply ready to go, before the fault is applied to its timing.
-    struct Outgoing {
-        Bytes wire;
-        std::optional<Fault> fault;
-    };
-    struct FaultEntry {
-        Fault fault;
-        int remaining;
-        std::optional<uint16_t> key;
-    };
-    struct RawRule {
-        Bytes trigger, reply;
-    };
-    enum class Parse { Complete, NeedMore, NotFrame, Bad };
+    // The model and the dispatch table are guarded by the server's lock.
+    // The server comes last: it is destroyed, and its thread stopped, first.
+    DeviceModel model;
+    Dispatcher dispatcher;
+    FrameServer server;
 
-    Options opt;
-
-    mutable std::mutex m;
-    mutable std::condition_variable cv;
-    std::mutex write_m;
-
-    Fd master, slave;
-    std::string slave_path;
-    Fd wake_r, wake_w;
-    std::thread thread;
-    std::atomic<bool> stopping{false};
-    bool running = false;
-
-    // Everything below is guarded by m.
-    std::vector<Command> transcript;
-    Bytes rx, tx;
-    std::vector<std::string> frame_errors;
-    std::map<uint8_t, LedState> leds;
-    int buzz = 0;
-    bool rf = false;
-    std::shared_ptr<Card> contact, contactless;
-    bool contact_powered = false, contactless_powered = false;
-    Bytes id_answer;
-    std::vector<FaultEntry> faults;
-    std::map<uint16_t, std::pair<uint8_t, uint8_t>> status_over;
-    std::map<uint16_t, Handler> handlers;
-    std::vector<RawRule> raw_rules;
-    std::optional<TerminalEmulator> term;
-
-    Bytes in;  // device-side input not yet parsed
-    Clock::time_point last_rx{};
-    Clock::time_point dead_until{};
-
-    explicit Impl(Options o) : opt(std::move(o)) {
-        id_answer = opt.profile.id_answer;
-        status_over = opt.profile.status_overrides;
-        if (opt.terminal.type != 0) {
-            TerminalSequences seq;
-            if (opt.terminal.type >= 50) {
-                std::string path = opt.terminal.ext_file;
-                if (path.empty()) {
-                    const char* home = std::getenv("DCCHOME");
-                    path = (home != nullptr && std::strstr(home, "(null)") == nullptr)
-                               ? std::string(home) + "/lxbs/font/idcread.ext"
-                               : "/dcc/lxbs/font/idcread.ext";
-                }
-                seq = ext_file_terminal(path, opt.terminal.type, opt.terminal.port);
-            } else {
-                seq = builtin_terminal(opt.terminal.type, opt.terminal.port);
-            }
-            term.emplace(std::move(seq));
-        }
-        open_pty();
-        int p[2];
-        if (::pipe2(p, O_CLOEXEC | O_NONBLOCK) != 0) sys_fail("pipe");
-        wake_r = Fd(p[0]);
-        wake_w = Fd(p[1]);
-    }
-
-    void open_pty() {
-        master = Fd(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-        if (master.get() < 0) sys_fail("posix_openpt");
-        if (::grantpt(master.get()) != 0) sys_fail("grantpt");
-        if (::unlockpt(master.get()) != 0) sys_fail("unlockpt");
-        char name[128];
-        if (::ptsname_r(master.get(), name, sizeof name) != 0) sys_fail("ptsname");
-        slave_path = name;
-        // Kept open for the simulator's lifetime so that the line does not
-        // hang up between the host's open/close cycles.
-        slave = Fd(::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
-        if (slave.get() < 0) sys_fail("open " + slave_path);
-        termios t{};
-        if (::tcgetattr(slave.get(), &t) != 0) sys_fail("tcgetattr");
-        ::cfmakeraw(&t);
-        ::cfsetispeed(&t, B9600);
-        ::cfsetospeed(&t, B9600);
-        t.c_cflag |= CLOCAL | CREAD;
-        if (::tcsetattr(slave.get(), TCSANOW, &t) != 0) sys_fail("tcsetattr");
-        const int fl = ::fcntl(master.get(), F_GETFL);
-        if (fl < 0 || ::fcntl(master.get(), F_SETFL, fl | O_NONBLOCK) != 0) sys_fail("fcntl");
-    }
-
-    void log(const std::string& line) const {
-        if (opt.verbose) {
-            std::fprintf(stderr, "kolt-sim: %s\n", line.c_str());
-            std::fflush(stderr);
-        }
-    }
-
-    void record(Command c) {
-        if (opt.verbose) {
-            char head[64];
-            std::snprintf(head, sizeof head, "<- %s %02X %02X", framing_name(c.framing), c.cls, c.code);
-            log(std::string(head) + (c.data.empty() ? "" : " [" + hex_dump(c.data) + "]"));
-        }
-        transcript.push_back(std::move(c));
-        cv.notify_all();
-    }
-
-    std::optional<Fault> take_fault(uint16_t key) {
-        for (auto it = faults.begin(); it != faults.end(); ++it) {
-            if (it->key && *it->key != key) continue;
-            Fault f = it->fault;
-            if (it->remaining > 0 && --it->remaining == 0) faults.erase(it);
-            return f;
-        }
-        return std::nullopt;
-    }
-
-    template <class Encode>
-    void reply(std::vector<Outgoing>& out, uint16_t key, Encode encode) {
-        Outgoing o;
-        o.fault = take_fault(key);
-        Tweak tw;
-        if (o.fault && o.fault->kind == Fault::BadCheck) tw.check_xor = 0x01;
-        if (o.fault && o.fault->kind == Fault::LengthTooLong) tw.length_extra = 4;
-        o.wire = encode(tw);
-        out.push_back(std::move(o));
-    }
-
-    // --- built-in behaviour of the unit ---------------------------------------
-
-    std::optional<Reply> unknown() const { return opt.profile.unknown_reply; }
-
-    std::optional<Reply> card_command(uint8_t code, const Bytes& d) {
-        auto slot_kind = [](uint8_t slot) {
-            if (slot <= 0x02) return 'c';
-            if (slot == 0xFF) return 'l';
-            if (slot >= 0x11 && slot <= 0x14) return 'p';
-            return '?';
-        };
-        auto state_of = [](const std::shared_ptr<Card>& c, bool powered) -> uint8_t {
-            return c == nullptr ? 0 : powered ? 2 : 1;
-        };
-        switch (code) {
-            case 0x21:  // reader state: contact, contactless (0 empty, 1 present, 2 powered)
-                return Reply{0x00, 0x00,
-                             {state_of(contact, contact_powered), state_of(contactless, contactless_powered)}};
-            case 0x22: {  // contact power-on: 00 00 slot
-                const uint8_t slot = d.size() >= 3 ? d[2] : 0x00;
-                const char k = slot_kind(slot);
-                if (k == 'p') return Reply{0x20, 0x01, {}};
-                if (k != 'c') return Reply{0x10, 0x01, {}};
-                if (contact == nullptr) return Reply{0x10, 0x02, {}};
-                auto atr = contact->power_on();
-                contact_powered = true;
-                return Reply{0x00, 0x00, atr};
-            }
-            case 0x23: {  // contact power-off: slot
-                const uint8_t slot = d.empty() ? 0x00 : d[0];
-                const char k = slot_kind(slot);
-                if (k == 'p') return Reply{0x20, 0x01, {}};
-                if (k != 'c') return Reply{0x10, 0x01, {}};
-                if (contact == nullptr) return Reply{0x10, 0x02, {}};
-                contact->power_off();
-                contact_powered = false;
-                return Reply{0x00, 0x00, {}};
-            }
-            case 0x24: {  // contactless power-on
-                if (contactless == nullptr) return Reply{0x30, 0x04, {}};
-                auto atr = contactless->power_on();
-                contactless_powered = true;
-                return Reply{0x00, 0x00, atr};
-            }
-            case 0x25:  // contactless power-off
-                if (contactless == nullptr) return Reply{0x30, 0x04, {}};
-                contactless->power_off();
-                contactless_powered = false;
-                return Reply{0x00, 0x00, {}};
-            case 0x26: {  // APDU: slot, then the command
-                if (d.empty()) return Reply{0x10, 0x07, {}};
-                const char k = slot_kind(d[0]);
-                const std::span<const uint8_t> apdu(d.data() + 1, d.size() - 1);
-                if (k == 'c') {
-                    if (contact == nullptr) return Reply{0x10, 0x02, {}};
-                    if (!contact_powered) return Reply{0x10, 0x04, {}};
-                    if (apdu.size() < 4) return Reply{0x10, 0x07, {}};
-                    return Reply{0x00, 0x00, contact->exchange(apdu)};
-                }
-                if (k == 'l') {
-                    if (contactless == nullptr || !contactless_powered) return Reply{0x30, 0x04, {}};
-                    if (apdu.size() < 4) return Reply{0x30, 0x07, {}};
-                    return Reply{0x00, 0x00, contactless->exchange(apdu)};
-                }
-                if (k == 'p') return Reply{0x20, 0x04, {}};
-                return Reply{0x10, 0x01, {}};
-            }
-            default:
-                return unknown();
-        }
-    }
-
-    std::optional<Reply> builtin(const Command& c) {
-        const Bytes& d = c.data;
-        if (c.cls == 0x32) return card_command(c.code, d);
-        switch (key_of(c.cls, c.code)) {
-            case key_of(0x31, 0x13):  // buzzer
-                ++buzz;
-                return Reply{};
-            case key_of(0x31, 0x14):  // LED: led, color, mode, 01 01 00
-                if (d.size() >= 3) leds[d[0]] = LedState{d[1], d[2]};
-                return Reply{};
-            case key_of(0x38, 0x97):
-                rf = true;
-                return Reply{};
-            case key_of(0x38, 0x98):
-                rf = false;
-                return Reply{};
-            case key_of(0x31, 0x11): {  // version by selector
-                if (d.empty()) return unknown();
-                auto it = opt.profile.versions.find(d[0]);
-                if (it == opt.profile.versions.end()) return unknown();
-                return Reply{0x00, 0x00, it->second};
-            }
-            case key_of(0x35, 0x87):  // identity-module serial number
-                return Reply{0x00, 0x00, opt.profile.module_serial};
-            case key_of(0x35, 0x80):  // find identity card
-            case key_of(0x35, 0x81):  // select identity card
-                if (id_answer.empty()) return Reply{opt.profile.id_no_card_s1, opt.profile.id_no_card_s2, {}};
-                return Reply{};
-            case key_of(0x35, 0x82):  // read identity card
-                if (id_answer.empty()) return Reply{opt.profile.id_no_card_s1, opt.profile.id_no_card_s2, {}};
-                return Reply{0x00, 0x00, id_answer};
-            default:
-                return unknown();
-        }
-    }
-
-    void on_main(uint8_t cls, uint8_t code, Bytes data, std::vector<Outgoing>& out) {
-        Command c{Framing::Main, cls, code, std::move(data)};
-        record(c);
-        const uint16_t key = key_of(cls, code);
-        std::optional<Reply> r;
-        if (auto h = handlers.find(key); h != handlers.end()) {
-            r = h->second(c);
-        } else {
-            r = builtin(c);
-        }
-        if (!r) return;
-        if (auto s = status_over.find(key); s != status_over.end()) std::tie(r->s1, r->s2) = s->second;
-        if (key == key_of(0x35, 0x82)) {
-            Bytes body{r->s1, r->s2};
-            body.insert(body.end(), r->data.begin(), r->data.end());
-            reply(out, key, [&](const Tweak& tw) { return encode_special_frame(body, tw); });
-        } else {
-            reply(out, key, [&](const Tweak& tw) { return encode_main_frame(r->s1, r->s2, r->data, tw); });
-        }
-    }
-
-    void on_bracket(uint8_t cmd, Bytes data, std::vector<Outgoing>& out) {
-        record(Command{Framing::Bracket, 0, cmd, std::move(data)});
-        if (opt.profile.family != "bracket") return;
-        Bytes body;
-        if (cmd == 0x41) {
-            body = opt.profile.greeting;
-        } else if (cmd == 0x42) {
-            body = opt.profile.disconnect;
-        } else if (cmd == 0x51) {  // verification result shown on the display
-            body = {0x90};
-        } else {
-            return;
-        }
-        reply(out, key_of(0, cmd), [&](const Tweak& tw) { return encode_bracket_frame(cmd, body, tw); });
-    }
-
-    void on_86(const Bytes& payload, std::vector<Outgoing>& out) {
-        const uint8_t cmd = payload.empty() ? 0 : payload[0];
-        record(Command{Framing::Legacy86, 0x86, cmd, {}});
-        if (opt.profile.family != "legacy86") return;
-        reply(out, key_of(0x86, cmd),
-              [&](const Tweak& tw) { return encode_86_frame(opt.profile.legacy86_reply, tw); });
-    }
-
-    void on_probe(std::vector<Outgoing>& out) {
-        record(Command{Framing::Probe, 0, 0, {}});
-        if (opt.profile.family == "legacy86") {
-            reply(out, 0, [&](const Tweak& tw) { return encode_86_frame(opt.profile.legacy86_reply, tw); });
-        } else {
-            reply(out, 0, [&](const Tweak& tw) { return encode_bracket_frame(0x41, opt.profile.greeting, tw); });
-        }
-    }
-
-    // --- parser -------------------------------------------------------------------
-
-    void frame_error(const std::string& what, size_t n) {
-        const Bytes shown(in.begin(), in.begin() + static_cast<long>(std::min<size_t>(n, 64)));
-        frame_errors.push_back(what + ": " + printable(std::string(shown.begin(), shown.end())));
-        log("frame error: " + frame_errors.back());
-    }
-
-    Parse try_main(size_t& n, std::vector<Outgoing>& out) {
-        if (in.size() < 5) {
-            for (size_t i = 1; i < in.size(); ++i)
-                if (!is_nibble(in[i])) return Parse::NotFrame;
-            return Parse::NeedMore;
-        }
-        for (size_t i = 1; i < 5; ++i)
-            if (!is_nibble(in[i])) return Parse::NotFrame;
-        const size_t len = static_cast<size_t>((in[1] - '0') << 12 | (in[2] - '0') << 8 | (in[3] - '0') << 4 |
-                                               (in[4] - '0'));
-        const size_t total = 1 + 4 + 2 * len + 2 + 1;
-        for (size_t i = 5; i < std::min(total - 1, in.size()); ++i) {
-            if (!is_nibble(in[i])) {
-                frame_error("main frame shorter than its length", i + 1);
-                return Parse::Bad;
-            }
-        }
-        if (in.size() < total) return Parse::NeedMore;
-        n = total;
-        if (in[total - 1] != 0x03) {
-            frame_error("main frame without 0x03 at its end", total);
-            return Parse::Bad;
-        }
-        auto f = decode_main(std::span(in.data(), total));
-        if (!f || len < 2) {
-            frame_error("main frame with a wrong check byte", total);
-            return Parse::Bad;
-        }
-        on_main(f->a, f->b, std::move(f->data), out);
-        return Parse::Complete;
-    }
-
-    Parse try_bracket(size_t& n, std::vector<Outgoing>& out) {
-        for (size_t i = 1; i < std::min<size_t>(4, in.size()); ++i)
-            if (!is_b64(in[i])) return Parse::NotFrame;
-        if (in.size() < 4) return Parse::NeedMore;
-        auto r = bracket_length(std::span(in.data() + 1, 3));
-        if (!r || *r < 4) return Parse::NotFrame;
-        const size_t total = 4 + *r;
-        for (size_t i = 5; i < std::min(total - 1, in.size()); ++i) {
-            if (!is_b64(in[i])) {
-                frame_error("bracket frame shorter than its length", i + 1);
-                return Parse::Bad;
-            }
-        }
-        if (in.size() < total) return Parse::NeedMore;
-        n = total;
-        auto f = decode_bracket(std::span(in.data(), total));
-        if (!f) {
-            frame_error("bracket frame with a wrong check or end", total);
-            return Parse::Bad;
-        }
-        on_bracket(f->cmd, std::move(f->data), out);
-        return Parse::Complete;
-    }
-
-    Parse try_86(size_t& n, std::vector<Outgoing>& out, bool idle) {
-        // The probe: an 0x86 query immediately followed by a bracket "A".
-        const size_t probe_n = std::min(in.size(), kProbe.size());
-        if (std::equal(in.begin(), in.begin() + static_cast<long>(probe_n), kProbe.begin())) {
-            if (probe_n == kProbe.size()) {
-                n = probe_n;
-                on_probe(out);
-                return Parse::Complete;
-            }
-            if (!idle) return Parse::NeedMore;
-        }
-        const size_t have = std::min<size_t>(in.size(), 6);
-        for (size_t i = 1; i < have; ++i)
-            if (!is_nibble(in[i])) return Parse::NotFrame;
-        if (in.size() >= 2 && in[1] != '6') return Parse::NotFrame;
-        if (in.size() < 6) return Parse::NeedMore;
-        const size_t len = static_cast<size_t>((in[2] - '0') << 12 | (in[3] - '0') << 8 | (in[4] - '0') << 4 |
-                                               (in[5] - '0'));
-        const size_t total = 6 + 2 * len;
-        for (size_t i = 6; i < std::min(total, in.size()); ++i)
-            if (!is_nibble(in[i])) return Parse::NotFrame;
-        if (in.size() < total) return Parse::NeedMore;
-        auto payload = decode_86(std::span(in.data(), total));
-        if (!payload) return Parse::NotFrame;
-        n = total;
-        on_86(*payload, out);
-        return Parse::Complete;
-    }
-
-    // Raw rules come first: 1 fired, 0 no match, -1 a trigger has begun.
-    int try_raw(std::vector<Outgoing>& out) {
-        bool partial = false;
-        for (const auto& rule : raw_rules) {
-            if (in.size() >= rule.trigger.size()) {
-                if (std::equal(rule.trigger.begin(), rule.trigger.end(), in.begin())) {
-                    in.erase(in.begin(), in.begin() + static_cast<long>(rule.trigger.size()));
-                    record(Command{Framing::Raw, 0, 0, rule.trigger});
-                    out.push_back(Outgoing{rule.reply, std::nullopt});
-                    return 1;
-                }
-            } else if (std::equal(in.begin(), in.end(), rule.trigger.begin())) {
-                partial = true;
-            }
-        }
-        return partial ? -1 : 0;
-    }
-
-    // Parses what can be parsed. `idle`: no byte came for a while, so an
-    // incomplete probe is taken for what it is; `stale`: an incomplete frame
-    // has waited too long and its first byte is given up.
-    void parse(std::vector<Outgoing>& out, bool idle, bool stale) {
-        while (!in.empty()) {
-            const int raw = try_raw(out);
-            if (raw > 0) continue;
-            size_t n = 1;
-            Parse p = Parse::NotFrame;
-            if (raw < 0) {
-                p = Parse::NeedMore;
-            } else if (in[0] == 0x02) {
-                p = try_main(n, out);
-            } else if (in[0] == '(') {
-                p = try_bracket(n, out);
-            } else if (in[0] == '8') {
-                p = try_86(n, out, idle);
-            }
-            if (p == Parse::NeedMore) {
-                if (!stale) return;
-                frame_error("incomplete frame dropped", in.size());
-                p = Parse::NotFrame;
-                n = 1;
-            }
-            if (p == Parse::Bad) n = 1;  // resynchronise just after the broken start
-            in.erase(in.begin(), in.begin() + static_cast<long>(n));
-        }
-    }
-
-    // --- I/O --------------------------------------------------------------------------
-
-    bool write_all(const Bytes& bytes) {
-        std::lock_guard wl(write_m);
-        const auto start = Clock::now();
-        const auto per_byte = std::chrono::nanoseconds(1'041'667);  // 10 bits at 9600 baud
-        size_t done = 0;
-        auto give_up = Clock::now() + 3s;
-        while (done < bytes.size()) {
-            if (stopping) return false;
-            const size_t chunk = opt.pace ? 1 : bytes.size() - done;
-            ssize_t w = 0;
-            int err = 0;
-            {
-                // Recorded under the lock together with the write, so that a
-                // host that has read the reply also finds it in raw_sent().
-                std::lock_guard l(m);
-                w = ::write(master.get(), bytes.data() + done, chunk);
-                err = errno;
-                if (w > 0)
-                    tx.insert(tx.end(), bytes.begin() + static_cast<long>(done),
-                              bytes.begin() + static_cast<long>(done + static_cast<size_t>(w)));
-            }
-            if (w > 0) {
-                done += static_cast<size_t>(w);
-                give_up = Clock::now() + 3s;
-                if (opt.pace) std::this_thread::sleep_until(start + per_byte * done);
-                continue;
-            }
-            if (w < 0 && err != EAGAIN && err != EINTR) return false;
-            if (Clock::now() > give_up) {
-                log("host does not read; reply dropped");
-                return false;
-            }
-            pollfd pfd{master.get(), POLLOUT, 0};
-            ::poll(&pfd, 1, 20);
-        }
-        return true;
-    }
-
-    void send(const Outgoing& o) {
-        Bytes wire = o.wire;
-        if (o.fault) {
-            const Fault& f = *o.fault;
-            static const char* const names[] = {"no reply", "bad check", "truncate", "garbage before",
-                                                "length too long", "delay", "close mid-frame"};
-            log(std::string("fault: ") + names[f.kind]);
-            switch (f.kind) {
-                case Fault::NoReply:
-                    return;
-                case Fault::Delay: {
-                    std::unique_lock l(m);
-                    cv.wait_for(l, std::chrono::milliseconds(f.delay_ms), [&] { return stopping.load(); });
-                    break;
-                }
-                case Fault::GarbageBefore:
-                    wire.insert(wire.begin(), kGarbage.begin(), kGarbage.end());
-                    break;
-                case Fault::Truncate:
-                    wire.resize(wire.size() / 2);
-                    break;
-                case Fault::CloseMidFrame: {
-                    wire.resize(wire.size() / 2);
-                    write_all(wire);
-                    std::lock_guard l(m);
-                    dead_until = Clock::now() + std::chrono::milliseconds(f.delay_ms > 0 ? f.delay_ms : 1000);
-                    ::tcflush(master.get(), TCIFLUSH);
-                    in.clear();
-                    if (term) term->drop_input();
-                    return;
-                }
-                default:
-                    break;
-            }
-        }
-        if (opt.verbose) log("-> " + printable(std::string(wire.begin(), wire.end())));
-        write_all(wire);
-    }
-
-    void on_input(const uint8_t* p, size_t n) {
-        std::vector<Outgoing> out;
-        {
-            std::lock_guard l(m);
-            rx.insert(rx.end(), p, p + n);
-            if (Clock::now() < dead_until) return;  // the line is dead
-            last_rx = Clock::now();
-            if (term) {
-                const std::string data = term->feed(std::string_view(reinterpret_cast<const char*>(p), n));
-                in.insert(in.end(), data.begin(), data.end());
-            } else {
-                in.insert(in.end(), p, p + n);
-            }
-            parse(out, false, false);
-        }
-        for (const auto& o : out) send(o);
-    }
-
-    void on_idle() {
-        std::vector<Outgoing> out;
-        {
-            std::lock_guard l(m);
-            const auto now = Clock::now();
-            if (term) term->idle(now, 300ms);
-            if (in.empty()) return;
-            const auto quiet = now - last_rx;
-            if (quiet >= 50ms) parse(out, true, quiet >= 600ms);
-        }
-        for (const auto& o : out) send(o);
-    }
-
-    bool has_pending() const {
-        std::lock_guard l(m);
-        return !in.empty() || (term && term->pending());
-    }
-
-    void serve() {
-        uint8_t buf[4096];
-        while (!stopping) {
-            pollfd pfd[2] = {{master.get(), POLLIN, 0}, {wake_r.get(), POLLIN, 0}};
-            const int r = ::poll(pfd, 2, has_pending() ? 25 : 500);
-            if (stopping) break;
-            if (r < 0) {
-                if (errno == EINTR) continue;
-                std::this_thread::sleep_for(10ms);
-                continue;
-            }
-            if (pfd[1].revents & POLLIN) {
-                while (::read(wake_r.get(), buf, sizeof buf) > 0) {
-                }
-            }
-            if (pfd[0].revents & POLLIN) {
-                const ssize_t n = ::read(master.get(), buf, sizeof buf);
-                if (n > 0) {
-                    on_input(buf, static_cast<size_t>(n));
-                    continue;
-                }
-                std::this_thread::sleep_for(5ms);
-            } else if (pfd[0].revents & (POLLHUP | POLLERR)) {
-                std::this_thread::sleep_for(10ms);
-            }
-            on_idle();
-        }
+    explicit Impl(const Options& opt)
+        : model(opt.profile), server(opt, [this](const Command& c) { return dispatcher.dispatch(c); }) {
+        add_builtin_commands(dispatcher, model);
     }
 };
 
-// --- public interface ------------------------------------------------------------------
-
-Simulator::Simulator(Options options) : impl_(std::make_unique<Impl>(std::move(options))) {}
+Simulator::Simulator(Options options) : impl_(std::make_unique<Impl>(options)) {}
 
 Simulator::~Simulator() { stop(); }
 
-void Simulator::start() {
-    std::lock_guard l(impl_->m);
-    if (impl_->running) return;
-    impl_->stopping = false;
-    impl_->thread = std::thread([this] { impl_->serve(); });
-    impl_->running = true;
-}
+void Simulator::start() { impl_->server.start(); }
+void Simulator::stop() { impl_->server.stop(); }
+bool Simulator::running() const { return impl_->server.running(); }
 
-void Simulator::stop() {
-    {
-        std::lock_guard l(impl_->m);
-        if (!impl_->running) return;
-        impl_->stopping = true;
-        impl_->cv.notify_all();
-    }
-    const uint8_t b = 1;
-    [[maybe_unused]] auto ignored = ::write(impl_->wake_w.get(), &b, 1);
-    impl_->thread.join();
-    std::lock_guard l(impl_->m);
-    impl_->running = false;
-}
-
-bool Simulator::running() const {
-    std::lock_guard l(impl_->m);
-    return impl_->running;
-}
-
-std::string Simulator::slave_path() const { return impl_->slave_path; }
+std::string Simulator::slave_path() const { return impl_->server.slave_path(); }
 
 std::string Simulator::port_name() const {
-    const std::string& p = impl_->slave_path;
+    const std::string& p = impl_->server.slave_path();
     return p.rfind("/dev/", 0) == 0 ? p.substr(5) : p;
 }
 
-std::vector<Command> Simulator::transcript() const {
-    std::lock_guard l(impl_->m);
-    return impl_->transcript;
-}
+// --- what the host sent ------------------------------------------------------------
 
-void Simulator::clear_transcript() {
-    std::lock_guard l(impl_->m);
-    impl_->transcript.clear();
-}
-
+std::vector<Command> Simulator::transcript() const { return impl_->server.transcript(); }
+void Simulator::clear_transcript() { impl_->server.clear_transcript(); }
 bool Simulator::wait_for_commands(size_t n, int timeout_ms) const {
-    std::unique_lock l(impl_->m);
-    return impl_->cv.wait_for(l, std::chrono::milliseconds(timeout_ms),
-                              [&] { return impl_->transcript.size() >= n; });
+    return impl_->server.wait_for_commands(n, timeout_ms);
 }
+std::vector<uint8_t> Simulator::raw_received() const { return impl_->server.raw_received(); }
+std::vector<uint8_t> Simulator::raw_sent() const { return impl_->server.raw_sent(); }
+void Simulator::clear_raw() { impl_->server.clear_raw(); }
+std::vector<std::string> Simulator::frame_errors() const { return impl_->server.frame_errors(); }
 
-std::vector<uint8_t> Simulator::raw_received() const {
-    std::lock_guard l(impl_->m);
-    return impl_->rx;
-}
-
-std::vector<uint8_t> Simulator::raw_sent() const {
-    std::lock_guard l(impl_->m);
-    return impl_->tx;
-}
-
-void Simulator::clear_raw() {
-    std::lock_guard l(impl_->m);
-    impl_->rx.clear();
-    impl_->tx.clear();
-}
-
-std::vector<std::string> Simulator::frame_errors() const {
-    std::lock_guard l(impl_->m);
-    return impl_->frame_errors;
-}
+// --- device state and cards ------------------------------------------------------
 
 std::map<uint8_t, LedState> Simulator::leds() const {
-    std::lock_guard l(impl_->m);
-    return impl_->leds;
+    auto l = impl_->server.lock();
+    return impl_->model.leds();
 }
 
 int Simulator::buzzer_count() const {
-    std::lock_guard l(impl_->m);
-    return impl_->buzz;
+    auto l = impl_->server.lock();
+    return impl_->model.buzzer_count();
 }
 
 bool Simulator::rf_on() const {
-    std::lock_guard l(impl_->m);
-    return impl_->rf;
+    auto l = impl_->server.lock();
+    return impl_->model.rf_on();
 }
 
 void Simulator::set_contact_card(std::shared_ptr<Card> card) {
-    std::lock_guard l(impl_->m);
-    impl_->contact = std::move(card);
-    impl_->contact_powered = false;
+    auto l = impl_->server.lock();
+    impl_->model.insert_contact(std::move(card));
 }
 
 void Simulator::set_contactless_card(std::shared_ptr<Card> card) {
-    std::lock_guard l(impl_->m);
-    impl_->contactless = std::move(card);
-    impl_->contactless_powered = false;
+    auto l = impl_->server.lock();
+    impl_->model.insert_contactless(std::move(card));
 }
 
 void Simulator::set_id_answer(std::optional<std::vector<uint8_t>> answer) {
-    std::lock_guard l(impl_->m);
-    impl_->id_answer = answer ? std::move(*answer) : std::vector<uint8_t>{};
+    auto l = impl_->server.lock();
+    impl_->model.set_id_answer(answer ? std::move(*answer) : std::vector<uint8_t>{});
 }
 
-void Simulator::inject(Fault fault, int count) {
-    if (count == 0) return;
-    std::lock_guard l(impl_->m);
-    impl_->faults.push_back({fault, count, std::nullopt});
-}
+// --- scripting and faults ------------------------------------------------------------
+
+void Simulator::inject(Fault fault, int count) { impl_->server.inject(fault, count, std::nullopt); }
 
 void Simulator::inject_for(uint8_t cls, uint8_t code, Fault fault, int count) {
-    if (count == 0) return;
-    std::lock_guard l(impl_->m);
-    impl_->faults.push_back({fault, count, key_of(cls, code)});
+    impl_->server.inject(fault, count, key_of(cls, code));
 }
 
-void Simulator::clear_faults() {
-    std::lock_guard l(impl_->m);
-    impl_->faults.clear();
+void Simulator::inject_when(uint8_t cls, uint8_t code, Match match, Fault fault, int count) {
+    impl_->server.inject(fault, count, key_of(cls, code), std::move(match));
 }
+
+void Simulator::clear_faults() { impl_->server.clear_faults(); }
 
 void Simulator::set_status(uint8_t cls, uint8_t code, uint8_t s1, uint8_t s2) {
-    std::lock_guard l(impl_->m);
-    impl_->status_over[key_of(cls, code)] = {s1, s2};
+    auto l = impl_->server.lock();
+    impl_->dispatcher.set_status(cls, code, s1, s2);
 }
 
 void Simulator::clear_status(uint8_t cls, uint8_t code) {
-    std::lock_guard l(impl_->m);
-    impl_->status_over.erase(key_of(cls, code));
+    auto l = impl_->server.lock();
+    impl_->dispatcher.clear_status(cls, code);
 }
 
 void Simulator::set_reply(uint8_t cls, uint8_t code, Reply reply) {
@@ -808,46 +120,28 @@ void Simulator::set_reply(uint8_t cls, uint8_t code, Reply reply) {
 }
 
 void Simulator::set_handler(uint8_t cls, uint8_t code, Handler handler) {
-    std::lock_guard l(impl_->m);
-    impl_->handlers[key_of(cls, code)] = std::move(handler);
+    auto l = impl_->server.lock();
+    impl_->dispatcher.set_custom(cls, code, std::move(handler));
 }
 
 void Simulator::clear_reply(uint8_t cls, uint8_t code) {
-    std::lock_guard l(impl_->m);
-    impl_->handlers.erase(key_of(cls, code));
+    auto l = impl_->server.lock();
+    impl_->dispatcher.clear_custom(cls, code);
 }
 
 void Simulator::add_raw_rule(std::vector<uint8_t> trigger, std::vector<uint8_t> reply) {
-    if (trigger.empty()) throw std::invalid_argument("raw rule without trigger");
-    std::lock_guard l(impl_->m);
-    impl_->raw_rules.push_back({std::move(trigger), std::move(reply)});
+    impl_->server.add_raw_rule(std::move(trigger), std::move(reply));
 }
 
-void Simulator::clear_raw_rules() {
-    std::lock_guard l(impl_->m);
-    impl_->raw_rules.clear();
-}
+void Simulator::clear_raw_rules() { impl_->server.clear_raw_rules(); }
 
-void Simulator::write_raw(std::span<const uint8_t> bytes) { impl_->write_all(Bytes(bytes.begin(), bytes.end())); }
+void Simulator::write_raw(std::span<const uint8_t> bytes) { impl_->server.write_raw(bytes); }
 
-std::vector<std::string> Simulator::terminal_errors() const {
-    std::lock_guard l(impl_->m);
-    return impl_->term ? impl_->term->errors() : std::vector<std::string>{};
-}
+// --- terminal mode -------------------------------------------------------------------
 
-std::vector<std::string> Simulator::terminal_events() const {
-    std::lock_guard l(impl_->m);
-    return impl_->term ? impl_->term->events() : std::vector<std::string>{};
-}
-
-bool Simulator::aux_open() const {
-    std::lock_guard l(impl_->m);
-    return impl_->term && impl_->term->aux_open();
-}
-
-bool Simulator::keyboard_locked() const {
-    std::lock_guard l(impl_->m);
-    return impl_->term && impl_->term->locked();
-}
+std::vector<std::string> Simulator::terminal_errors() const { return impl_->server.terminal_errors(); }
+std::vector<std::string> Simulator::terminal_events() const { return impl_->server.terminal_events(); }
+bool Simulator::aux_open() const { return impl_->server.aux_open(); }
+bool Simulator::keyboard_locked() const { return impl_->server.keyboard_locked(); }
 
 }  // namespace kolt::sim

@@ -1,3 +1,5 @@
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <stdexcept>
 
@@ -178,6 +180,18 @@ TerminalSequences ext_file_terminal(const std::string& path, int type, int port)
         throw std::runtime_error("terminal command file: section " + term_header + " lacks " + open_key + "/" +
                                  close_key);
     return s;
+}
+
+TerminalSequences terminal_sequences(const TerminalConfig& config) {
+    if (config.type < 50) return builtin_terminal(config.type, config.port);
+    std::string path = config.ext_file;
+    if (path.empty()) {
+        const char* home = std::getenv("DCCHOME");
+        path = (home != nullptr && std::strstr(home, "(null)") == nullptr)
+                   ? std::string(home) + "/lxbs/font/idcread.ext"
+                   : "/dcc/lxbs/font/idcread.ext";
+    }
+    return ext_file_terminal(path, config.type, config.port);
 }
 
 // --- the terminal ----------------------------------------------------------------

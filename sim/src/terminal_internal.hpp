@@ -11,6 +11,12 @@
 
 namespace kolt::sim {
 
+// The sequences of a terminal configuration of type 1..5 or >= 50; for the
+// latter the terminal command file defaults to $DCCHOME/lxbs/font/idcread.ext
+// or /dcc/lxbs/font/idcread.ext. Throws as builtin_terminal() and
+// ext_file_terminal() do.
+TerminalSequences terminal_sequences(const TerminalConfig& config);
+
 class TerminalEmulator {
 public:
     using Clock = std::chrono::steady_clock;

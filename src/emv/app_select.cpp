@@ -81,6 +81,100 @@ int32_t finish(int32_t result) {
     return result;
 }
 
+// Power-on of the slot; the slot that answered becomes the card's slot.
+// 0, or the initiation result of the failure.
+int32_t power_on_card(uint32_t slot, uint32_t timeout) {
+    int32_t slot_used = state().slot();
+    const int32_t power = device::power_on(slot, timeout, &slot_used);
+    state().set_slot(slot_used);
+    log::debug_int("KOLT_T41_InitICCardApp KOLT_T41_ICC_Poweron flag=%d", power);
+    if (power == Revdata_Error || power == ICC_No_Response) return kInitNoResponse;
+    if (power == ICC_Contact_Not_Insert) return ICC_Contact_Not_Insert;
+    if (power != OK) return kInitPowerOnFailed;
+    return 0;
+}
+
+// The caller's candidates, in order: true when one answered 0x9000 (its
+// SELECT reply in select).
+bool select_candidate(uint32_t card, std::span<const uint8_t> candidates, uint32_t timeout, CardReply& select) {
+    for (const auto& aid : parse_candidates(candidates)) {
+        const uint32_t sw = device::select_aid(card, aid, select, timeout);
+        log_sw("KOLT_T41_InitICCardApp KOLT_T41_ICC_Select_Aid sw=%x", sw);
+        if (sw == kSwOk) return true;
+    }
+    return false;
+}
+
+// Selection through the payment system directory.
+struct DirectorySelection {
+    int32_t result = 0;          // 0, kInitAppLocked, or a failure to end with
+    bool locked_contact = false; // a locked contact application: GPO with the standard PDOL
+};
+DirectorySelection select_from_directory(uint32_t card, bool contactless, uint32_t timeout, CardReply& select) {
+    DirectorySelection sel;
+    const Directory dir = read_directory(card, timeout, "KOLT_T41_InitICCardApp");
+    if (dir.result != 0) {
+        sel.result = dir.result;
+        return sel;
+    }
+    const uint32_t sw = device::select_aid(card, dir.candidate, select, timeout);
+    log_sw("KOLT_T41_InitICCardApp KOLT_T41_ICC_Select_Aid sw=%x", sw);
+    if (sw == APDU_App_Locked) {
+        sel.result = kInitAppLocked;
+        // A locked contact application gets the standard PDOL's own bytes as
+        // GPO data, unfilled; the card refuses it and the call reports the lock.
+        sel.locked_contact = !contactless;
+    } else if (sw != kSwOk) {
+        sel.result = kInitSelectFailed;
+    }
+    return sel;
+}
+
+// PDOL data and the log entry from the SELECT reply; a contactless card
+// must ask for the terminal transaction qualifiers. 0, or kInitNo9F66.
+int32_t read_fci(std::span<const uint8_t> fci, bool contactless, std::span<const uint8_t, 4> random, AppInit& out,
+                 std::vector<uint8_t>& gpo_data) {
+    const auto pdol = find_tag(fci, kTagPdol, 0);
+    const auto log_entry = find_tag(fci, kTagLogEntry, 0);
+    if (log_entry) {
+        const std::size_t n = std::min(log_entry->size(), out.log_entry.size());
+        std::copy_n(log_entry->begin(), n, out.log_entry.begin());
+        out.log_entry_len = static_cast<int32_t>(n);
+    } else {
+        out.log_entry_len = -1;
+    }
+    if (pdol && !pdol->empty()) {
+        std::array<uint8_t, kDolRoom> data{};
+        int32_t len = 0;
+        build_dol(*pdol, random, data, len);
+        gpo_data.assign(data.begin(), data.begin() + len);
+    }
+    if (contactless) {
+        const bool has_ttq = pdol && contains_ttq(*pdol);
+        const std::string pdol_hex = pdol ? support::to_hex_upper(*pdol) : std::string();
+        log::debug_text("KOLT_T41_InitICCardApp x9F x66 %s", pdol_hex.c_str());
+        if (!has_ttq) return kInitNo9F66;
+    }
+    return 0;
+}
+
+// GET PROCESSING OPTIONS; only the format-1 reply (tag 80) is read. Any
+// answer other than 0x9000 leaves the result as it is: the commands that
+// follow fail instead. 0, or kInitGpoNotFormat1.
+int32_t get_processing_options(uint32_t card, std::span<const uint8_t> gpo_data, AppInit& out) {
+    CardReply gpo;
+    const uint32_t sw = device::set_gpo(card, gpo_data, gpo, kGpoTimeout);
+    log_sw("KOLT_T41_InitICCardApp KOLT_T41_ICC_SetGPO sw=%x", sw);
+    if (sw != kSwOk) return 0;
+    const auto value = find_tag(gpo.data(), kTagFormat1, 0);
+    if (!value) return kInitGpoNotFormat1;
+    const std::size_t n = std::min(value->size(), out.aip_afl.size());
+    std::copy_n(value->begin(), n, out.aip_afl.begin());
+    out.afl_count = n >= 2 ? static_cast<int32_t>((n - 2) / 4) : 0;
+    if (n >= 2) set_slot_text(kAip, support::to_hex_upper(value->first(2)));
+    return 0;
+}
+
 int32_t run_init(uint32_t timeout, uint32_t slot, std::span<const uint8_t> candidates, AppInit& out) {
     log::debug_text("KOLT_T41_InitICCardApp......%s", "");
     out.aip_afl.fill(0);
@@ -89,94 +183,24 @@ int32_t run_init(uint32_t timeout, uint32_t slot, std::span<const uint8_t> candi
     uint8_t random[4] = {};
     support::random_bytes(random);
 
-    int32_t slot_used = state().slot();
-    const int32_t power = device::power_on(slot, timeout, &slot_used);
-    state().set_slot(slot_used);
-    log::debug_int("KOLT_T41_InitICCardApp KOLT_T41_ICC_Poweron flag=%d", power);
-    if (power == Revdata_Error || power == ICC_No_Response) return finish(kInitNoResponse);
-    if (power == ICC_Contact_Not_Insert) return finish(ICC_Contact_Not_Insert);
-    if (power != OK) return finish(kInitPowerOnFailed);
-
+    if (const int32_t power = power_on_card(slot, timeout)) return finish(power);
     const auto card = static_cast<uint32_t>(state().slot());
     const bool contactless = card == device::kSlotRf;
-    int32_t result = 0;
+
     CardReply select;
-    bool selected = false;
-
-    // 1. The caller's candidates, in order: the first that answers 0x9000.
-    for (const auto& aid : parse_candidates(candidates)) {
-        const uint32_t sw = device::select_aid(card, aid, select, timeout);
-        log_sw("KOLT_T41_InitICCardApp KOLT_T41_ICC_Select_Aid sw=%x", sw);
-        if (sw == kSwOk) {
-            selected = true;
-            break;
-        }
+    DirectorySelection sel;
+    if (!select_candidate(card, candidates, timeout, select)) {
+        sel = select_from_directory(card, contactless, timeout, select);
+        if (sel.result != 0 && sel.result != kInitAppLocked) return finish(sel.result);
     }
-
-    // 2. Otherwise the payment system directory.
     std::vector<uint8_t> gpo_data;
-    bool locked_contact = false;
-    if (!selected) {
-        const Directory dir = read_directory(card, timeout, "KOLT_T41_InitICCardApp");
-        if (dir.result != 0) return finish(dir.result);
-        const uint32_t sw = device::select_aid(card, dir.candidate, select, timeout);
-        log_sw("KOLT_T41_InitICCardApp KOLT_T41_ICC_Select_Aid sw=%x", sw);
-        if (sw == APDU_App_Locked) {
-            result = kInitAppLocked;
-            if (!contactless) {
-                // A locked contact application gets the standard PDOL's own
-                // bytes as GPO data, unfilled; the card refuses it and the
-                // call reports the lock.
-                locked_contact = true;
-                gpo_data = support::from_hex(ContactStandardPDOL);
-            }
-        } else if (sw != kSwOk) {
-            return finish(kInitSelectFailed);
-        }
+    if (sel.locked_contact) {
+        gpo_data = support::from_hex(ContactStandardPDOL);
+    } else if (const int32_t fci = read_fci(select.data(), contactless, random, out, gpo_data)) {
+        return finish(fci);
     }
-
-    if (!locked_contact) {
-        // 3. PDOL data and the log entry from the SELECT reply.
-        const auto fci = select.data();
-        const auto pdol = find_tag(fci, kTagPdol, 0);
-        const auto log_entry = find_tag(fci, kTagLogEntry, 0);
-        if (log_entry) {
-            const std::size_t n = std::min(log_entry->size(), out.log_entry.size());
-            std::copy_n(log_entry->begin(), n, out.log_entry.begin());
-            out.log_entry_len = static_cast<int32_t>(n);
-        } else {
-            out.log_entry_len = -1;
-        }
-        if (pdol && !pdol->empty()) {
-            std::array<uint8_t, kDolRoom> data{};
-            int32_t len = 0;
-            build_dol(*pdol, random, data, len);
-            gpo_data.assign(data.begin(), data.begin() + len);
-        }
-        // 4. A contactless card must ask for the terminal transaction qualifiers.
-        if (contactless) {
-            const bool has_ttq = pdol && contains_ttq(*pdol);
-            const std::string pdol_hex = pdol ? support::to_hex_upper(*pdol) : std::string();
-            log::debug_text("KOLT_T41_InitICCardApp x9F x66 %s", pdol_hex.c_str());
-            if (!has_ttq) return finish(kInitNo9F66);
-        }
-    }
-
-    // 5. GET PROCESSING OPTIONS; only the format-1 reply (tag 80) is read.
-    CardReply gpo;
-    const uint32_t sw = device::set_gpo(card, gpo_data, gpo, kGpoTimeout);
-    log_sw("KOLT_T41_InitICCardApp KOLT_T41_ICC_SetGPO sw=%x", sw);
-    if (sw == kSwOk) {
-        const auto value = find_tag(gpo.data(), kTagFormat1, 0);
-        if (!value) return finish(kInitGpoNotFormat1);
-        const std::size_t n = std::min(value->size(), out.aip_afl.size());
-        std::copy_n(value->begin(), n, out.aip_afl.begin());
-        out.afl_count = n >= 2 ? static_cast<int32_t>((n - 2) / 4) : 0;
-        if (n >= 2) set_slot_text(kAip, support::to_hex_upper(value->first(2)));
-    }
-    // Any other answer to GPO leaves the result as it is: the commands that
-    // follow fail instead.
-    return finish(result);
+    if (const int32_t gpo = get_processing_options(card, gpo_data, out)) return finish(gpo);
+    return finish(sel.result);
 }
 
 }  // namespace

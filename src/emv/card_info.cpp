@@ -12,6 +12,7 @@
 
 #include "device/icc.hpp"
 #include "emv/app_select.hpp"
+#include "emv/record_walk.hpp"
 #include "emv/tags.hpp"
 #include "kolt/kolt.h"
 #include "link/deadline.hpp"
@@ -25,9 +26,7 @@ namespace kolt::emv {
 
 namespace {
 
-constexpr uint32_t kCommandTimeout = 6;  // GET DATA and READ RECORD
-// AFL entries naming a short file identifier from here on are not read.
-constexpr int kSfiLimit = 11;
+constexpr uint32_t kCommandTimeout = 6;  // GET DATA
 
 // Caller letters A..L of the YS convention and the slot each one reads.
 constexpr std::string_view kYsLetters = "ABCDEFGHIJKL";
@@ -61,68 +60,6 @@ void fetch_ec_values(std::string_view request, std::string_view triggers) {
                          state().raw(v.slot).first<kSlotSize>(), kCommandTimeout);
         append_found(tagList[v.slot]);
     }
-}
-
-// Log lines of one AFL walk; nullptr writes nothing.
-struct WalkLogs {
-    const char* entry = nullptr;        // "%d" entry index
-    const char* record = nullptr;       // "%d" record number
-    const char* parsed = nullptr;       // "%s" found letters after each record
-    const char* all_found = nullptr;    // "%s" when the walk stops early
-    const char* read_failed = nullptr;  // "%d" READ RECORD result (error log)
-};
-
-struct Walk {
-    int32_t read_result = 0;  // negative: the READ RECORD that failed
-    bool stopped = false;     // every letter was found
-    int entry = 0;            // AFL entry index where the walk ended
-    int record = 0;           // record number where it ended
-};
-
-// Reads the records the AFL names, entry by entry and record by record, and
-// parses each into the slots until every letter of `letters` is listed as
-// found. Files with an SFI of 11 or more are skipped. After a complete walk
-// entry is the entry count and record one past the last record of the last
-// entry read.
-Walk walk_afl(const AppInit& app, std::string_view letters, const WalkLogs& logs) {
-    Walk w;
-    const int count = app.afl_entries();
-    int i = 0;
-    int j = 0;
-    for (i = 0; i < count; ++i) {
-        if (logs.entry != nullptr) log::debug_int(logs.entry, i);
-        const uint8_t* entry = &app.aip_afl[2 + 4 * static_cast<std::size_t>(i)];
-        const int sfi = entry[0] >> 3;
-        if (sfi >= kSfiLimit) continue;
-        const int first = entry[1];
-        const int last = entry[2];
-        for (j = first; j <= last; ++j) {
-            if (logs.record != nullptr) log::debug_int(logs.record, j);
-            device::CardReply reply;
-            const auto rc = static_cast<int32_t>(device::read_record(
-                static_cast<uint32_t>(state().slot()), static_cast<uint8_t>(j), static_cast<uint8_t>(sfi), reply,
-                kCommandTimeout));
-            if (rc < 0) {
-                if (logs.read_failed != nullptr) log::error_int(logs.read_failed, rc);
-                w.read_result = rc;
-                w.entry = i;
-                w.record = j;
-                return w;
-            }
-            parse_tag_value(reply.data(), 1);
-            if (logs.parsed != nullptr) log_text(logs.parsed, found_letters());
-            if (all_found(letters)) {
-                if (logs.all_found != nullptr) log::debug_text(logs.all_found, "");
-                w.stopped = true;
-                w.entry = i;
-                w.record = j;
-                return w;
-            }
-        }
-    }
-    w.entry = i;
-    w.record = j;
-    return w;
 }
 
 // Letter, "%03d" of the length, value.
@@ -234,11 +171,7 @@ Outcome icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, std:
         // letters of the slots they fill: E fills G, F fills H, G fills K.
         fetch_ec_values(letters, "EFG");
 
-        WalkLogs logs;
-        logs.parsed = "KOLT_ICRT_GetICCInfo gFindedTagList2=%s";
-        logs.all_found = "KOLT_ICRT_GetICCInfo All TagList is finded%s";
-        logs.read_failed = "KOLT_ICRT_GetICCInfo KOLT_T41_ICC_Comm_Read_Record flag=%d";
-        const Walk w = walk_afl(app, letters, logs);
+        const Walk w = walk_afl(app, letters, FlowTrace("KOLT_ICRT_GetICCInfo", Family::icrt));
         if (w.read_result < 0) {
             result = {-22, std::string(gbk::kReadRecordError)};
         } else {
@@ -280,17 +213,11 @@ YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid
     log_text("IC_GetInfo myctagList = %s", search);
 
     YsOutcome out;
+    const FlowTrace trace("IC_GetInfo", Family::ic);
     const AppInit app = start_app_psbc(aid_text);
     device::PoweredCard card(static_cast<uint32_t>(state().slot()));
     if (app.result != 0) {
-        InitFailureLogs logs;
-        // 卡上电错误
-        logs.power_on[0] = "IC_GetInfo \xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3%s";
-        logs.power_on[1] = "IC_GetInfo KOLT_T41_InitICCardApp flag =%d";
-        logs.not_inserted = "IC_GetInfo KOLT_T41_InitICCardApp flag ICC_Contact_Not_Insert%s";
-        logs.locked = "IC_GetInfo KOLT_T41_InitICCardApp flag =%s";
-        logs.other[0] = "IC_GetInfo KOLT_T41_InitICCardApp flag not ok =%d";
-        const InitFailure failure = ic_init_failure(app.result, logs);
+        const InitFailure failure = ic_init_failure(app.result, trace);
         out.code = failure.code;
         out.text = std::string(failure.text);
         if (!failure.power_off) {
@@ -302,12 +229,7 @@ YsOutcome ys_get_info(int32_t ic_type, std::string_view letters, const char* aid
         // before the YS translation.
         fetch_ec_values(search, "GHK");
 
-        WalkLogs logs;
-        logs.entry = "IC_GetInfo nAFL i=%d";
-        logs.record = "IC_GetInfo AIPAFLBuf j=%d";
-        logs.all_found = "IC_GetInfo All TagList is finded%s";
-        logs.read_failed = "IC_GetInfo KOLT_T41_ICC_Comm_Read_Record flag =%d";
-        const Walk w = walk_afl(app, search, logs);
+        const Walk w = walk_afl(app, search, trace);
         if (w.read_result < 0) {
             out.code = -10;
             out.text = std::string(gbk::kReadRecordError);

@@ -55,15 +55,15 @@ void set_port_name(std::string_view name) {
 }
 
 int32_t do_ic_type(int32_t ic_type, int32_t* flag) {
-    int32_t slot = 0;
+    int32_t slot = device::kSlotContact;
     switch (ic_type) {
     case 0:
-    case 20: slot = 0; break;
+    case 20: slot = device::kSlotContact; break;
     case 1:
-    case 21: slot = 255; break;
+    case 21: slot = device::kSlotRf; break;
     case 2:
-    case 22: slot = 2; break;
-    default: return 0;  // contact; the flag stays as it is
+    case 22: slot = device::kSlotAuto; break;
+    default: return device::kSlotContact;  // the flag stays as it is
     }
     if (flag != nullptr) *flag = -1;
     return slot;
@@ -73,7 +73,7 @@ int32_t ic_type_from_one(int32_t caller_type) {
     return static_cast<int32_t>(static_cast<uint32_t>(caller_type) - 1u);
 }
 
-int32_t card_kind_of_slot(int32_t slot) { return slot == 255 ? 2 : 1; }
+int32_t card_kind_of_slot(int32_t slot) { return slot == static_cast<int32_t>(device::kSlotRf) ? 2 : 1; }
 
 link::Session open_link(int32_t term_type, int32_t port, const char* failure_log) {
     link::Session session = link::open_teller(term_type, port);
@@ -90,25 +90,23 @@ AppInit start_app_psbc(const char* aid_text) {
 }
 
 
-InitFailure ic_init_failure(int32_t init_result, const InitFailureLogs& logs) {
+InitFailure ic_init_failure(int32_t init_result, const FlowTrace& trace) {
     switch (init_result) {
     case kInitNoResponse:
         log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag=%d", init_result);
         log::error_int("IC_GetInfo KOLT_T41_InitICCardApp flag =%d", init_result);
         return {-2, gbk::kPowerOnError, false};
     case kInitPowerOnFailed:
-        log::error_text(logs.power_on[0], "");
-        log::error_int(logs.power_on[1], init_result);
+        trace.init_power_on_failed(init_result);
         return {-1, gbk::kPowerOnError, false};
     case ICC_Contact_Not_Insert:
-        log::error_text(logs.not_inserted, "");
+        trace.init_not_inserted();
         return {-9, gbk::kContactNotInserted, true};
     case kInitAppLocked:
-        log::error_text(logs.locked, "-7");
+        trace.init_locked();
         return {-10, gbk::kCardInitError, true};
     default:
-        if (logs.other[0] != nullptr) log::error_int(logs.other[0], init_result);
-        if (logs.other[1] != nullptr) log::error_text(logs.other[1], "");
+        trace.init_other(init_result);
         return {-10, gbk::kCardInitError, true};
     }
 }

@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "emv/app_select.hpp"
+#include "emv/trace.hpp"
 #include "link/session.hpp"
 
 namespace kolt::emv {
@@ -111,15 +112,8 @@ struct InitFailure {
     std::string_view text;
     bool power_off = true;
 };
-// The error-log lines of one core for each kind of failure (no answer at
-// power-on is logged alike by both).
-struct InitFailureLogs {
-    const char* power_on[2] = {};        // "%s" (empty), then "%d"
-    const char* not_inserted = nullptr;  // "%s" (empty)
-    const char* locked = nullptr;        // "%s" with "-7"
-    const char* other[2] = {};           // "%d", then "%s" (empty); either may be null
-};
-InitFailure ic_init_failure(int32_t init_result, const InitFailureLogs& logs);
+// The error-log lines are the core's (see FlowTrace).
+InitFailure ic_init_failure(int32_t init_result, const FlowTrace& trace);
 
 // ---------------------------------------------------------------------------
 

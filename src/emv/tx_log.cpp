@@ -20,17 +20,6 @@ constexpr uint32_t kLogFormatTimeout = 20;  // GET DATA 9F4F
 constexpr uint32_t kRecordTimeout = 6;      // READ RECORD
 constexpr uint8_t kTagLogFormat[2] = {0x9F, 0x4F};
 
-// Log lines of one log read (the two cores name themselves differently).
-struct LogTexts {
-    const char* get_data = nullptr;          // before GET DATA 9F4F
-    const char* get_data_failed = nullptr;   // "%s", error log
-    const char* format_value = nullptr;      // "%02x" the log format
-    const char* read_record = nullptr;       // "%02x" each record's reply
-    const char* formatted_len = nullptr;     // "%d" running length
-    const char* formatted_hex = nullptr;     // "%02x" the record's text
-    const char* formatted = nullptr;         // "%s" the record's text
-};
-
 struct LogRead {
     enum class End { Complete, NoLogFormat, FormatMismatch, ReadFailed } end = End::Complete;
     int32_t read_result = 0;  // the failing READ RECORD
@@ -54,19 +43,18 @@ struct LogRead {
 // status other than 9000 (a card holding fewer records answers 6A83) or a
 // failed command. `header` bytes precede the records in the caller's
 // output; records that would not fit in kLogTextRoom are not read.
-LogRead read_log(const AppInit& app, std::size_t header, const LogTexts& texts) {
+LogRead read_log(const AppInit& app, std::size_t header, const FlowTrace& trace) {
     LogRead r;
     std::array<uint8_t, 256> format{};
-    if (texts.get_data != nullptr) log::debug_text(texts.get_data, "");
+    trace.log_get_data();
     const uint32_t sw = device::get_data(static_cast<uint32_t>(state().slot()), std::span<const uint8_t, 2>(kTagLogFormat),
                                          std::span<uint8_t, 256>(format), kLogFormatTimeout);
     if (sw != device::kSwOk) {
-        if (texts.get_data_failed != nullptr) log::error_text(texts.get_data_failed, "");
+        trace.log_get_data_failed();
         r.end = LogRead::End::NoLogFormat;
         return r;
     }
-    if (texts.format_value != nullptr)
-        log::debug_hex(texts.format_value, std::span<const uint8_t>(format.data(), 1u + format[0]));
+    trace.log_format(std::span<const uint8_t>(format.data(), 1u + format[0]));
 
     // Only the first byte is compared with the expected layout: every card
     // whose log format begins with the date (9A) is taken to follow it. An
@@ -89,7 +77,7 @@ LogRead read_log(const AppInit& app, std::size_t header, const LogTexts& texts) 
             r.read_result = rc;
             return r;
         }
-        if (texts.read_record != nullptr) log::debug_hex(texts.read_record, reply.response());
+        trace.log_record_reply(reply.response());
         if (static_cast<uint32_t>(rc) != device::kSwOk) break;
 
         const std::string text = format_log_record(reply.data());
@@ -100,9 +88,7 @@ LogRead read_log(const AppInit& app, std::size_t header, const LogTexts& texts) 
         r.records += text;
         ++r.count;
         const int running = static_cast<int>(header + r.records.size());
-        if (texts.formatted_len != nullptr) log::debug_int(texts.formatted_len, running);
-        if (texts.formatted_hex != nullptr) log_text(texts.formatted_hex, text);
-        if (texts.formatted != nullptr) log_text(texts.formatted, text);
+        trace.log_formatted(running, text);
     }
     return r;
 }
@@ -135,13 +121,7 @@ LogOutcome icrt_get_tr_detail(int32_t term_type, int32_t port, int32_t ic_type, 
         out.code = app.result - 10;
         out.text = std::string(gbk::kNoLogEntry);
     } else {
-        LogTexts texts;
-        texts.get_data = "KOLT_ICRT_GetTrDetail KOLT_T41_ICC_GetData......%s";
-        texts.format_value = "KOLT_ICRT_GetTrDetail KOLT_T41_ICC_GetData oneTagValue =%02x";
-        texts.read_record = "KOLT_ICRT_GetTrDetail KOLT_T41_ICC_Comm_Read_Record rApduBuf=%02x";
-        texts.formatted_len = "KOLT_ICRT_GetTrDetail nTxDetailDataLen =%d";
-        texts.formatted = "KOLT_ICRT_GetTrDetail &TxDetail[nIndex] =%s";
-        LogRead r = read_log(app, 3, texts);
+        LogRead r = read_log(app, 3, FlowTrace("KOLT_ICRT_GetTrDetail", Family::icrt));
         if (r.end != LogRead::End::Complete) {
             out.code = r.end == LogRead::End::ReadFailed ? r.read_result - 22 : -23;
             out.text = r.failure_text();
@@ -244,20 +224,13 @@ TxDetailOutcome ic_get_tx_detail(int32_t ic_type, std::span<const uint8_t> aid_l
     clear_working_state();
 
     TxDetailOutcome out;
+    const FlowTrace trace("IC_GetTxDetail", Family::ic);
     const AppInit app = start_app(aid_list);
     device::PoweredCard card(static_cast<uint32_t>(state().slot()));
     if (app.result != 0) {
         // The same codes as the card information of the IC_ family, but no
         // text in the output.
-        InitFailureLogs logs;
-        // 卡上电错误
-        logs.power_on[0] = "IC_GetTxDetail \xBF\xA8\xC9\xCF\xB5\xE7\xB4\xED\xCE\xF3%s";
-        logs.power_on[1] = "IC_GetTxDetail KOLT_T41_InitICCardApp flag =%d";
-        logs.not_inserted = "IC_GetTxDetail KOLT_T41_InitICCardApp ICC_Contact_Not_Insert %s";
-        logs.locked = "IC_GetTxDetail KOLT_T41_InitICCardApp flag =%s";
-        logs.other[0] = "IC_GetTxDetail KOLT_T41_InitICCardApp not ok flag=%d";
-        logs.other[1] = "IC_GetTxDetail KOLT_T41_InitICCardApp not ok%s";
-        const InitFailure failure = ic_init_failure(app.result, logs);
+        const InitFailure failure = ic_init_failure(app.result, trace);
         out.code = failure.code;
         if (!failure.power_off) {
             card.release();  // the card never came up
@@ -267,13 +240,7 @@ TxDetailOutcome ic_get_tx_detail(int32_t ic_type, std::span<const uint8_t> aid_l
         log::error_text("IC_GetTxDetail KOLT_T41_InitICCardApp nLogEntry error%s", "");
         out.code = -10;
     } else {
-        LogTexts texts;
-        texts.get_data_failed = "IC_GetTxDetail KOLT_T41_ICC_GetData \x9F\x4F =%s";
-        texts.read_record = "IC_GetTxDetail KOLT_T41_ICC_Comm_Read_Record rApduBuf=%02x";
-        texts.formatted_len = "IC_GetTxDetail nTxDetailDataLen =%d";
-        texts.formatted_hex = "IC_GetTxDetail &TxDetail[nIndex] =%02x";
-        texts.formatted = "IC_GetTxDetail &TxDetail[nIndex] =%s";
-        LogRead r = read_log(app, 2, texts);
+        LogRead r = read_log(app, 2, trace);
         if (r.end != LogRead::End::Complete) {
             // A failed READ RECORD is 10, not an error code, as the IC_
             // family defines it.

@@ -47,6 +47,18 @@ void copy_seq(std::span<char, kSeqSize> out, std::string_view text) {
     out[n] = '\0';
 }
 
+// The legacy termio mode words are 16 bits wide. Raw mode of the teller
+// terminal's line clears these flags and keeps every other bit.
+constexpr unsigned kTermioBits = 0xFFFF;
+constexpr unsigned kRawLocalMask = kTermioBits & ~static_cast<unsigned>(ISIG | ICANON | ECHO | NOFLSH | IEXTEN);
+constexpr unsigned kRawInputMask = kTermioBits & ~static_cast<unsigned>(ISTRIP | INLCR | IGNCR | ICRNL | IXON | IXOFF);
+static_assert(kRawLocalMask == 0x7F74, "raw local modes of the terminal line");
+static_assert(kRawInputMask == 0xEA1F, "raw input modes of the terminal line");
+// A local port's control word loses the bits of B2400 before its speed is
+// set (the speed calls set the whole speed field afterwards).
+constexpr tcflag_t kClearedSpeedBits = B2400;
+static_assert(kClearedSpeedBits == 0xB, "speed bits cleared on a local port");
+
 // Whether the terminal settings were saved by set_term: restoring records
 // that were never read would hang up the terminal line.
 bool g_term_saved = false;
@@ -132,7 +144,7 @@ int open_com(int port, int baud) {
     std::memset(&s.newtio, 0, sizeof s.newtio);
     s.newtio.c_cflag &= ~static_cast<tcflag_t>(PARENB | CSTOPB | CSIZE);
     s.newtio.c_cflag |= CS8;
-    s.newtio.c_cflag &= ~static_cast<tcflag_t>(0xB);
+    s.newtio.c_cflag &= ~kClearedSpeedBits;
     s.newtio.c_cflag |= CLOCAL | CREAD;
     s.newtio.c_oflag |= OPOST;
     s.newtio.c_cc[VMIN] = 0;
@@ -152,8 +164,8 @@ int set_term() {
     if (::ioctl(s.fd, TCGETA, &s.oterm_attr) < 0) return -1;
     if (::ioctl(s.fd, TCGETA, &s.term_attr) < 0) return -1;
     g_term_saved = true;
-    s.term_attr.c_lflag &= 0x7F74;  // ISIG ICANON ECHO NOFLSH IEXTEN off
-    s.term_attr.c_iflag &= 0xEA1F;  // ISTRIP INLCR IGNCR ICRNL IXON IXOFF off
+    s.term_attr.c_lflag &= kRawLocalMask;
+    s.term_attr.c_iflag &= kRawInputMask;
     s.term_attr.c_cc[VMIN] = 0;
     s.term_attr.c_cc[VTIME] = 0;
     s.term_attr.c_cc[1] = 0x7F;

@@ -130,13 +130,13 @@ bool sent(const kolt::sim::Simulator& sim, uint8_t cls, uint8_t code) {
     return false;
 }
 
-void silence_read_record(kolt::sim::Simulator& sim, std::shared_ptr<Card> card, int sfi, int record) {
-    sim.set_handler(0x32, 0x26, [card, sfi, record](const Command& c) -> std::optional<kolt::sim::Reply> {
-        if (c.data.empty()) return kolt::sim::Reply{0x00, 0x00, {}};
+void fail_read_record(kolt::sim::Simulator& sim, int sfi, int record) {
+    auto matches = [sfi, record](const Command& c) {
+        if (c.data.empty()) return false;
         const std::span<const uint8_t> apdu(c.data.data() + 1, c.data.size() - 1);
-        if (is_read_record(apdu) && (apdu[3] >> 3) == sfi && (record <= 0 || apdu[2] == record)) return std::nullopt;
-        return kolt::sim::Reply{0x00, 0x00, card->exchange(apdu)};
-    });
+        return is_read_record(apdu) && (apdu[3] >> 3) == sfi && (record <= 0 || apdu[2] == record);
+    };
+    sim.inject_when(0x32, 0x26, matches, kolt::sim::Fault{kolt::sim::Fault::BadCheck}, -1);
 }
 
 std::string log_record(const std::string& amount, const std::string& date, const std::string& type,

@@ -87,11 +87,12 @@ std::vector<std::string> commands(const kolt::sim::Simulator& sim);
 // Whether the reader received a main-frame command of that class and code.
 bool sent(const kolt::sim::Simulator& sim, uint8_t cls, uint8_t code);
 
-// The reader passes every APDU to the card but gives no reply at all to
-// READ RECORD of one SFI (of one record of it, when record > 0): the
-// library's read times out.
-void silence_read_record(kolt::sim::Simulator& sim, std::shared_ptr<kolt::sim::Card> card, int sfi,
-                         int record = 0);
+// The reader's replies to READ RECORD of one SFI (of one record of it, when
+// record > 0) arrive damaged (a wrong check byte): the library's read fails
+// at once, with the same result as a read that got no reply. The card
+// itself receives and answers the command. (No test waits for a silent
+// READ RECORD: six seconds each, for the same result.)
+void fail_read_record(kolt::sim::Simulator& sim, int sfi, int record = 0);
 
 // ---------------------------------------------------------------------------
 // One transaction-log record as the library formats it: amount, other amount

@@ -24,6 +24,10 @@ long long elapsed_ms(F&& f) {
     return ms_since(start);
 }
 
+// Bytes waiting to be read on a descriptor (FIONREAD; a terminal in
+// canonical mode counts complete lines only), -1 on error.
+int pending_input(int fd);
+
 // The library's time-outs count whole seconds of the wall clock, so a
 // one-second time-out begun late in a second ends almost at once. Before a
 // call with such a time-out that must succeed, this waits (at most 300 ms)

@@ -73,17 +73,23 @@ int run_copy_of_self(const std::filesystem::path& copy, const std::string& filte
     std::filesystem::copy_file("/proc/self/exe", copy, std::filesystem::copy_options::overwrite_existing);
     std::filesystem::permissions(copy, std::filesystem::perms::owner_all, std::filesystem::perm_options::add);
     const std::string filter_arg = "--gtest_filter=" + filter;
+    const std::string started_file = copy.string() + ".started";
+    std::error_code ec;
+    std::filesystem::remove(started_file, ec);
     const pid_t pid = ::fork();
     if (pid < 0) return -1;
     if (pid == 0) {
         if (!stdout_file.empty() && std::freopen(stdout_file.c_str(), "w", stdout) == nullptr) ::_exit(100);
         for (const auto& [name, value] : env) ::setenv(name.c_str(), value.c_str(), 1);
+        ::setenv(kStartedTestsFileVar, started_file.c_str(), 1);
         ::execl(copy.c_str(), copy.c_str(), filter_arg.c_str(), "--gtest_brief=1", static_cast<char*>(nullptr));
         ::_exit(127);
     }
     int status = 0;
     ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    if (!WIFEXITED(status)) return -1;
+    if (read_file(started_file).find(filter + "\n") == std::string::npos) return -2;
+    return WEXITSTATUS(status);
 }
 
 std::vector<uint8_t> bytes(std::initializer_list<int> values) {

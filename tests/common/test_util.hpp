@@ -2,10 +2,12 @@
 // overrides and whole-file reads.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -46,15 +48,39 @@ private:
 
 std::string read_file(const std::string& path);
 
+// How long wait_until waits by default: far longer than anything the tests
+// wait for takes, so that only a real failure runs into it.
+inline constexpr std::chrono::milliseconds kWaitDeadline{3000};
+
+// Waits for something another thread, process or the simulator does: asks
+// pred every few milliseconds until it holds or the deadline has passed.
+// Returns pred's last answer (asked once more at the deadline).
+template <class Pred>
+bool wait_until(Pred&& pred, std::chrono::milliseconds deadline = kWaitDeadline) {
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() >= end) return pred();
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
 // Runs a copy of the running test program, placed at copy (directories made,
-// an older copy replaced), with only the test named by filter selected and
-// the variables of env set; its standard output goes to stdout_file when one
-// is given. Tests use it for what must happen in a process of its own beside
-// files of its own (the executable's KTLog, a kolt.ini beside the program).
-// Returns the exit status, or -1 when the copy did not exit normally.
+// an older copy replaced), with only the test named by filter (its full
+// name, Suite.Name) selected and the variables of env set; its standard
+// output goes to stdout_file when one is given. Tests use it for what must
+// happen in a process of its own beside files of its own (the executable's
+// KTLog, a kolt.ini beside the program). Returns the exit status, -1 when
+// the copy did not exit normally, or -2 when it never started that test (a
+// filter that selects nothing would otherwise pass for a clean run). Test
+// programs that call it are named *_exec_test.cpp (see tests/CMakeLists.txt).
 int run_copy_of_self(const std::filesystem::path& copy, const std::string& filter,
                      const std::vector<std::pair<std::string, std::string>>& env,
                      const std::string& stdout_file = {});
+
+// The variable that names the file in which a test program started by
+// run_copy_of_self notes the name of every test it starts (test_main.cpp).
+inline constexpr const char* kStartedTestsFileVar = "KOLT_TEST_STARTED_FILE";
 
 // The ESC byte, as escape sequences are spelled in the tests.
 inline const std::string kEsc = "\x1b";

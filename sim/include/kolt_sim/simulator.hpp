@@ -197,6 +197,12 @@ public:
     // Fault for the next `count` replies to one command (bracket: cls 0 and
     // the command byte; 0x86 family: cls 0x86; probe: 0, 0).
     void inject_for(uint8_t cls, uint8_t code, Fault fault, int count = 1);
+    // As inject_for, but only for the commands that `match` accepts (say,
+    // the APDU command carrying one particular READ RECORD). match runs on
+    // the server thread with the simulator's lock held: it must not call
+    // back into the Simulator.
+    using Match = std::function<bool(const Command&)>;
+    void inject_when(uint8_t cls, uint8_t code, Match match, Fault fault, int count = 1);
     void clear_faults();
     // Overrides the status pair of one main-frame command (data kept).
     void set_status(uint8_t cls, uint8_t code, uint8_t s1, uint8_t s2);

@@ -1,4 +1,5 @@
 // The stand-alone kolt-sim program: start, announce, serve, stop on SIGTERM.
+// (It starts the program of the build: ctest labels these tests self_exec.)
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>

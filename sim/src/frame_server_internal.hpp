@@ -1,0 +1,129 @@
+// The simulator's end of the serial line: reads the host's bytes from the
+// pseudo-terminal, passes them through the teller terminal when there is
+// one, recognises the frames, hands each command to the dispatch callback
+// and writes the encoded reply, with fault injection and pacing applied at
+// the byte level. It keeps the records of what went over the line.
+//
+// Its lock is the simulator's lock: the dispatch callback runs under it on
+// the server thread, and whatever that callback uses is guarded by it too
+// (lock() hands it out for that). The other public members take it
+// themselves where they need it.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "frame_internal.hpp"
+#include "frame_parser_internal.hpp"
+#include "kolt_sim/simulator.hpp"
+#include "pty_internal.hpp"
+#include "terminal_internal.hpp"
+
+namespace kolt::sim {
+
+class FrameServer final : private FrameParser::Sink {
+public:
+    // The reply to a command, nullopt for silence.
+    using Dispatch = std::function<std::optional<Answer>(const Command&)>;
+
+    // Opens the pseudo-terminal; throws std::runtime_error on failure.
+    FrameServer(const Options& options, Dispatch dispatch);
+    ~FrameServer();
+    FrameServer(const FrameServer&) = delete;
+    FrameServer& operator=(const FrameServer&) = delete;
+
+    void start();
+    void stop();
+    bool running() const;
+    const std::string& slave_path() const { return pty_.slave_path; }
+    std::unique_lock<std::mutex> lock() const { return std::unique_lock(m_); }
+
+    // --- records ----------------------------------------------------------
+    std::vector<Command> transcript() const;
+    void clear_transcript();
+    bool wait_for_commands(size_t n, int timeout_ms) const;
+    Bytes raw_received() const;
+    Bytes raw_sent() const;
+    void clear_raw();
+    std::vector<std::string> frame_errors() const;
+
+    // --- faults and raw replies -------------------------------------------
+    // `key`: only replies to that command (key_of(cls, code)); nullopt: any.
+    // `match`: only the commands it accepts (empty: every command of key).
+    void inject(Fault fault, int count, std::optional<uint16_t> key, Simulator::Match match = {});
+    void clear_faults();
+    void add_raw_rule(Bytes trigger, Bytes reply);
+    void clear_raw_rules();
+    void write_raw(std::span<const uint8_t> bytes) { write_all(Bytes(bytes.begin(), bytes.end())); }
+
+    // --- the teller terminal ------------------------------------------------
+    std::vector<std::string> terminal_errors() const;
+    std::vector<std::string> terminal_events() const;
+    bool aux_open() const;
+    bool keyboard_locked() const;
+
+private:
+    using Clock = std::chrono::steady_clock;
+    // A reply ready to go, before the fault is applied to its timing.
+    struct Outgoing {
+        Bytes wire;
+        std::optional<Fault> fault;
+    };
+    struct FaultEntry {
+        Fault fault;
+        int remaining;
+        std::optional<uint16_t> key;
+        Simulator::Match match;  // empty: every command of the key
+    };
+
+    // FrameParser::Sink, called under the lock.
+    void command(Command c) override;
+    void raw(const RawRule& rule) override;
+    void error(const std::string& text) override;
+
+    void log(const std::string& line) const;
+    void record(Command c);
+    std::optional<Fault> take_fault(uint16_t key, const Command& c);
+    std::vector<Outgoing> take_replies();
+
+    void serve();
+    void on_input(const uint8_t* p, size_t n);
+    void on_idle();
+    bool has_pending() const;
+    void send(const Outgoing& o);
+    void cut_line(Bytes wire, int dead_ms);
+    bool write_all(const Bytes& bytes);
+
+    const bool pace_, verbose_;
+    const Dispatch dispatch_;
+
+    mutable std::mutex m_;
+    mutable std::condition_variable cv_;
+    std::mutex write_m_;
+
+    Pty pty_;
+    Fd wake_r_, wake_w_;
+    std::thread thread_;
+    std::atomic<bool> stopping_{false};
+
+    // Everything below is guarded by m_.
+    bool running_ = false;
+    std::vector<Command> transcript_;
+    Bytes rx_, tx_;
+    std::vector<std::string> frame_errors_;
+    std::vector<FaultEntry> faults_;
+    std::optional<TerminalEmulator> term_;
+    FrameParser parser_;
+    std::vector<Outgoing> replies_;  // of the input parsed last
+    Clock::time_point last_rx_{};
+    Clock::time_point dead_until_{};
+};
+
+}  // namespace kolt::sim
