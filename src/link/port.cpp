@@ -94,8 +94,8 @@ int open_named_terminal(std::string_view tty, int flags) {
 // end sequences and with pending input flushed; false when the open fails.
 // A refused port number leaves descriptor 0, the application's own
 // terminal, which the link then uses but never closes.
-bool open_local(std::string_view port_text) {
-    const int port = to_int(atoi_text(port_text));
+bool open_local(const LinkTarget& target) {
+    const int port = to_int(target.port);
     const int fd = open_com(port, 9600);
     adopt_fd(fd, port_accepted(port));
     if (fd < 0) return false;
@@ -124,6 +124,26 @@ int do_term_type(int term_type) {
 }
 
 bool aux_mode(std::string_view type_text) { return type_text.empty() || type_text[0] != '0'; }
+
+LinkTarget LinkTarget::from_text(std::string_view type_text, std::string_view port_text) {
+    LinkTarget t;
+    t.aux = aux_mode(type_text);
+    t.type = atoi_text(type_text);
+    t.port = atoi_text(port_text);
+    t.type_text = std::string(type_text);
+    t.port_text = std::string(port_text);
+    return t;
+}
+
+LinkTarget LinkTarget::from_numbers(int type, int port) {
+    LinkTarget t;
+    t.type = type;
+    t.port = port;
+    t.type_text = std::to_string(type);
+    t.port_text = std::to_string(port);
+    t.aux = aux_mode(t.type_text);  // every type but 0 (and 0-prefixed texts, which numbers never give)
+    return t;
+}
 
 int open_com(int port, int baud) {
     speed_t speed = B0;
@@ -180,8 +200,9 @@ int reset_term() {
     return 0;
 }
 
-int get_aux_cmd(std::string_view type_text, std::string_view port_text, std::span<char, kSeqSize> open_out,
-                std::span<char, kSeqSize> close_out) {
+int get_aux_cmd(const LinkTarget& target, std::span<char, kSeqSize> open_out, std::span<char, kSeqSize> close_out) {
+    const std::string_view type_text = target.type_text;
+    const std::string_view port_text = target.port_text;
     LinkState& s = state();
     std::memset(open_out.data(), 0, 8);
     std::memset(close_out.data(), 0, 8);
@@ -190,9 +211,9 @@ int get_aux_cmd(std::string_view type_text, std::string_view port_text, std::spa
     std::memset(s.aux_lead, 0, kSeqSize);
     std::memset(s.aux_end, 0, kSeqSize);
 
-    const std::string type_str(type_text);
-    const std::string port_str(port_text);
-    const long long type = atoi_text(type_text);
+    const std::string& type_str = target.type_text;
+    const std::string& port_str = target.port_text;
+    const long long type = target.type;
     if (type >= 50) {
         const std::string path = extfile_path();
         log::debug_text("getTermCmdFromExtfile idcread.ext path=%s", path.c_str());
@@ -211,7 +232,7 @@ int get_aux_cmd(std::string_view type_text, std::string_view port_text, std::spa
         return 0;
     }
 
-    const long long index = (type - 1) * 4 + atoi_text(port_text) - 1;
+    const long long index = (type - 1) * 4 + target.port - 1;
     log::debug_int("getAuxCmdOnTermtypeAuxno AuxCmd array=%d", to_int(index));
     const long long row = type - 1;
     int result = 0;
@@ -279,10 +300,10 @@ int get_bp_command(std::string_view type_text, std::string_view port_text, std::
     return flag;
 }
 
-int open_com_or_aux(std::string_view tty, std::string_view type_text, std::string_view port_text,
-                    std::string_view transfer_type, std::string_view transfer_data) {
+int open_com_or_aux(std::string_view tty, const LinkTarget& target, std::string_view transfer_type,
+                    std::string_view transfer_data) {
     LinkState& s = state();
-    if (aux_mode(type_text)) {
+    if (target.aux) {
         if (!tty.empty()) {
             const int fd = open_named_terminal(tty, O_NOCTTY);
             log::debug_text("openComOrAux tty_name =%s", std::string(tty).c_str());
@@ -290,7 +311,7 @@ int open_com_or_aux(std::string_view tty, std::string_view type_text, std::strin
             if (fd < 0) return -1;
         }
         clear_sequences();
-        if (get_aux_cmd(type_text, port_text, s.open_aux_cmd, s.close_aux_cmd) != 0) return -2;
+        if (get_aux_cmd(target, s.open_aux_cmd, s.close_aux_cmd) != 0) return -2;
         if (set_term() == -1) {
             reset_term();
             return -2;
@@ -304,14 +325,14 @@ int open_com_or_aux(std::string_view tty, std::string_view type_text, std::strin
         }
         return 0;
     }
-    return open_local(port_text) ? 0 : -1;
+    return open_local(target) ? 0 : -1;
 }
 
-int close_com_or_aux(std::string_view type_text, std::string_view port_text) {
-    const std::string type_str(type_text);
+int close_com_or_aux(const LinkTarget& target) {
+    const std::string& type_str = target.type_text;
     log::debug_text("KOLT_closeComOrAux begin ***********************************%s", type_str.c_str());
-    if (aux_mode(type_text)) {
-        close_aux(type_text, port_text);
+    if (target.aux) {
+        close_aux(target);
         reset_term();
         write_text(seq_text(state().key_unlock_cmd));
     } else {
@@ -322,9 +343,9 @@ int close_com_or_aux(std::string_view type_text, std::string_view port_text) {
     return 0;
 }
 
-int close_aux(std::string_view type_text, std::string_view /*port_text*/) {
+int close_aux(const LinkTarget& target) {
     LinkState& s = state();
-    if (aux_mode(type_text)) {
+    if (target.aux) {
         clear_com_buf(s.fd);
         write_text(seq_text(s.close_aux_cmd));
         clear_com_buf(s.fd);
@@ -340,11 +361,10 @@ namespace {
 
 // The auxiliary-port half of connect: terminal settings, escape sequences
 // and the pass-through command. False when a step fails.
-bool connect_aux(std::string_view type_text, std::string_view port_text, std::string_view transfer_type_text,
-                 std::string_view transfer_port) {
+bool connect_aux(const LinkTarget& target, std::string_view transfer_type_text, std::string_view transfer_port) {
     LinkState& s = state();
     if (set_term() == -1) return false;
-    if (get_aux_cmd(type_text, port_text, s.open_aux_cmd, s.close_aux_cmd) != 0) return false;
+    if (get_aux_cmd(target, s.open_aux_cmd, s.close_aux_cmd) != 0) return false;
     write_text(seq_text(s.key_lock_cmd));
     write_text(seq_text(s.open_aux_cmd));
     std::memset(s.ExtendCmd, 0, kSeqSize);
@@ -362,17 +382,17 @@ void undo_connect(bool aux) {
 
 }  // namespace
 
-int connect_device(std::string_view tty, std::string_view type_text, std::string_view port_text,
-                   std::string_view transfer_type_text, std::string_view transfer_port) {
-    const bool aux = aux_mode(type_text);
+int connect_device(std::string_view tty, const LinkTarget& target, std::string_view transfer_type_text,
+                   std::string_view transfer_port) {
+    const bool aux = target.aux;
     if (aux) {
         // Opened without the no-controlling-terminal flag, unlike the plain open.
         if (!tty.empty() && open_named_terminal(tty, 0) < 0) return -1;
-        if (!connect_aux(type_text, port_text, transfer_type_text, transfer_port)) {
+        if (!connect_aux(target, transfer_type_text, transfer_port)) {
             undo_connect(aux);
             return -1;
         }
-    } else if (!open_local(port_text)) {
+    } else if (!open_local(target)) {
         return -1;
     }
     uint8_t out[kReplyMax];
@@ -382,44 +402,43 @@ int connect_device(std::string_view tty, std::string_view type_text, std::string
     return -1;
 }
 
-int disconnect_device(std::string_view type_text, std::string_view port_text) {
+int disconnect_device(const LinkTarget& target) {
     LinkState& s = state();
     uint8_t out[kReplyMax];
     const int n = bracket_transact(s.fd, kBracketDisconnect, {}, out, 3);
-    if (aux_mode(type_text)) {
+    if (target.aux) {
         if (n > 0) {
-            close_aux(type_text, port_text);
+            close_aux(target);
             reset_term();
             return 0;
         }
         clear_com_buf(s.fd);
-        close_aux(type_text, port_text);
+        close_aux(target);
         return -1;
     }
     if (n == 1) {
         close_fd();
         return 0;
     }
-    close_aux(type_text, port_text);
+    close_aux(target);
     return -1;
 }
 
 int init_com(int type, std::string_view tty, int port, std::string_view transfer) {
-    const std::string type_text = std::to_string(type);
-    const std::string port_text = std::to_string(port);
+    const LinkTarget target = LinkTarget::from_numbers(type, port);
     const std::string_view transfer_type = transfer.substr(0, transfer.empty() ? 0 : 1);
     const std::string_view transfer_data = transfer.empty() ? transfer : transfer.substr(1);
-    const int r = open_com_or_aux(tty, type_text, port_text, transfer_type, transfer_data);
+    const int r = open_com_or_aux(tty, target, transfer_type, transfer_data);
     if (r == -1 || r == -2 || r == -3) {
-        close_com_or_aux(type_text, port_text);
+        close_com_or_aux(target);
         return -2;
     }
-    if (aux_mode(type_text)) {
+    if (target.aux) {
         LinkState& s = state();
         s.term_attr.c_cc[VMIN] = 0;
         s.term_attr.c_cc[VTIME] = 0;
         if (::ioctl(s.fd, TCSETAW, &s.term_attr) < 0) {
-            close_com_or_aux(type_text, port_text);
+            close_com_or_aux(target);
             return -1;
         }
     }
@@ -427,7 +446,7 @@ int init_com(int type, std::string_view tty, int port, std::string_view transfer
 }
 
 int free_com(int type, int port) {
-    close_com_or_aux(std::to_string(type), std::to_string(port));
+    close_com_or_aux(LinkTarget::from_numbers(type, port));
     return 0;
 }
 
