@@ -1,6 +1,5 @@
 #include "emv/trace.hpp"
 
-#include "emv/flow.hpp"
 #include "support/log.hpp"
 
 namespace kolt::emv {
@@ -104,6 +103,20 @@ void FlowTrace::init_other(int32_t result) const {
     const InitSpelling& s = init_spelling(entry_);
     error_int(s.other_int, result);
     if (!s.other_text.empty()) error_text(s.other_text, "");
+}
+
+// ---------------------------------------------------------------------------
+
+void log_text(const char* format, std::string_view text) {
+    if (text.empty()) {
+        log::debug_text(format, "");
+        return;
+    }
+    log::debug(format, text.data(), static_cast<int>(text.size()));
+}
+
+void log_hex(const char* format, std::string_view bytes) {
+    log::debug(format, bytes.data(), static_cast<int>(bytes.size()));
 }
 
 }  // namespace kolt::emv

@@ -12,6 +12,11 @@
 
 namespace kolt::emv {
 
+// A trace line of a text of known length (an empty text is logged as such,
+// never as a terminated string at a null pointer), or of its bytes in hex.
+void log_text(const char* format, std::string_view text);
+void log_hex(const char* format, std::string_view bytes);
+
 enum class Family {
     icrt,  // KOLT_ICRT_ cores
     ic,    // IC_ cores
