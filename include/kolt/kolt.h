@@ -124,7 +124,7 @@ KOLT_API int32_t KOLT_UnBase64(uint8_t *buf, int32_t len); /* decodes len charac
  * Support: hex, BCD and string helpers
  * ==================================================================== */
 KOLT_API uint32_t KOLT_hexstrtoint(const char *text, int32_t n);                    /* value of the first n hex characters (0x30..0x3A count 0..10) */
-KOLT_API int32_t KOLT_hexstrtointBuf(const char *text, uint8_t *out);               /* hex text to bytes, pair by pair; "ABC" gives AB C0; returns 0 */
+KOLT_API int32_t KOLT_hexstrtointBuf(const char *text, uint8_t *out);               /* hex text to bytes, pair by pair; "ABC" gives AB C0; out needs max(8, (strlen + 1) / 2) bytes; returns 0 */
 KOLT_API int32_t KOLT_hexStrToIntStr(const char *text, uint8_t *out);               /* hex text to bytes; out needs strlen(text) bytes; returns strlen(text)/2 */
 KOLT_API int32_t BCDBuf2HexCharBuf(const uint8_t *bytes, int32_t n, char *out);     /* n bytes to 2n upper-case hex digits and a terminator; returns 2n */
 KOLT_API int32_t KOLT_buf2HexStrBuf(char *out, int32_t n, uint8_t *bytes);          /* n bytes to 2n lower-case hex digits (no terminator); upper-cases the source bytes; returns 2n */
@@ -309,7 +309,7 @@ KOLT_API int32_t KOLT_SetTLV(const uint8_t *tag, int32_t len, const uint8_t *val
  * Results: 0; -1 power-on failed; -2 PSE SELECT device failure; -3 no SFI (88); -4 SELECT refused;
  * -5 contactless PDOL without 9F66; -6 GPO reply not in format 80; -7 application locked (went on);
  * -12 no answer at power-on; ICC_Contact_Not_Insert. */
-KOLT_API int32_t KOLT_T41_InitICCardApp(uint32_t timeout, uint32_t slot, const uint8_t *aidList, uint8_t *aipAfl, int32_t *aflCount, uint8_t *logEntry, int32_t *logEntryLen); /* power-on, select, GPO; codes above */
+KOLT_API int32_t KOLT_T41_InitICCardApp(uint32_t timeout, uint32_t slot, const uint8_t *aidList, uint8_t *aipAfl, int32_t *aflCount, uint8_t *logEntry, int32_t *logEntryLen); /* power-on, select, GPO; aidList (count, then length and AID per candidate) is read within 256 bytes; codes above */
 KOLT_API int32_t KOLT_T41_InitICCardApp_PSBC(uint32_t timeout, uint32_t slot, const char *aidText, uint8_t *aipAfl, int32_t *aflCount, uint8_t *logEntry, int32_t *logEntryLen); /* as KOLT_T41_InitICCardApp with one candidate as hex text (NULL or "" for none) */
 KOLT_API int32_t KOLT_T41_ICC_GetCardAppState(uint32_t slot);                       /* powered card: status word of the directory application's SELECT (0x9000, 0x6283 locked); -2, -3 */
 /* ---- KOLT-EMV-END ---- */
@@ -333,7 +333,7 @@ KOLT_API int32_t KOLT_T41_ICC_GetCardAppState(uint32_t slot);                   
 
 KOLT_API int32_t KOLT_DoICType(int32_t icType, int32_t *flag);                      /* IC type to slot: 0/20 contact 0, 1/21 contactless 255, 2/22 auto 2, else 0; *flag = -1 for the six codes */
 KOLT_API int32_t GetSysDate(char *out);                                             /* local time "%Y%m%d%H%M%S" (15 bytes with terminator); returns 0 */
-KOLT_API int32_t KOLT_ICRT_GetICCInfo(int32_t termType, int32_t port, int32_t icType, const char *aidList, const char *tagList, char *out); /* letter + "%03d" + value per letter; 0, 10 locked, -21 port, -11 power-on, -22 read, init code - 10 */
+KOLT_API int32_t KOLT_ICRT_GetICCInfo(int32_t termType, int32_t port, int32_t icType, const char *aidList, const char *tagList, char *out); /* letter + "%03d" + value per letter; aidList is read up to its terminating zero (at most 256 bytes); 0, 10 locked, -21 port, -11 power-on, -22 read, init code - 10 */
 KOLT_API int32_t ICRT_GetICCInfo(int32_t termType, int32_t port, int32_t icType, const char *aidList, const char *tagList, char *out); /* as KOLT_ICRT_GetICCInfo */
 KOLT_API int32_t STAR_GetInfo(const char *dataIn, char *out);                       /* "a|port|b|letters": contactless card info via terminal type 1; always 0 (failure shows in out) */
 KOLT_API int32_t IC_GetInfo_YS(int32_t icType, const char *tagList, const char *aidList, char *out, int32_t *cardKind, char *appData); /* YS letters A..L on an open link; 0, -1, -2, -9, -10; kind 1/2; appData block */
