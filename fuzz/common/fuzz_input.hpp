@@ -132,4 +132,22 @@ inline unsigned touch(std::span<const uint8_t> s) {
     return sum;
 }
 
+// One reply decoder that reads a head first: bytes 0-1 of the input are the
+// room of the output (up to room_max), the rest the reply as received. The
+// head is measured on its own, then the whole reply decoded; the result must
+// be -1, -2 or a length within the room.
+template <class Rest, class Decode>
+int fuzz_reply_decoder(const uint8_t* data, std::size_t size, std::size_t room_max, std::size_t head, Rest rest,
+                       Decode decode, const char* what) {
+    Input in(data, size);
+    const std::size_t room = in.u16() % (room_max + 1);
+    const auto wire_bytes = in.rest();
+    Heap wire(wire_bytes, wire_bytes.size());
+    Heap out(room);
+    if (wire.size() >= head) (void)rest(std::span<const uint8_t>(wire.data(), head));
+    const int n = decode(std::span<const uint8_t>(wire.data(), wire.size()), out.span());
+    check(n == -1 || n == -2 || (n >= 0 && static_cast<std::size_t>(n) <= room), what);
+    return 0;
+}
+
 }  // namespace kolt::fuzz
