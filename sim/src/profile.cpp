@@ -3,7 +3,9 @@
 
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <sstream>
 
@@ -166,6 +168,63 @@ std::vector<uint8_t> bytes_value(const cJSON* item, const std::string& key) {
     fail("\"" + key + "\" must be a text or {\"hex\": ...}");
 }
 
+// Calls `body` for each entry of the array `arr` (named `where` in messages),
+// after checking that the entry is an object with only the keys `allowed`.
+template <typename Body>
+void for_each_entry(const cJSON* arr, const std::string& where, const std::set<std::string>& allowed, Body&& body) {
+    if (!cJSON_IsArray(arr)) fail("\"" + where + "\" must be an array");
+    const cJSON* it = nullptr;
+    cJSON_ArrayForEach(it, arr) {
+        if (!cJSON_IsObject(it)) fail("\"" + where + "\" entries must be objects");
+        check_keys(it, allowed, where);
+        body(it);
+    }
+}
+
+long entry_int(const cJSON* entry, const char* key, long lo, long hi) {
+    return get_int(cJSON_GetObjectItemCaseSensitive(entry, key), key, lo, hi);
+}
+
+// "fields": {"name": "...", ...} written at the layout's places.
+void apply_named_fields(const cJSON* f, std::vector<uint8_t>& text) {
+    if (!cJSON_IsObject(f)) fail("\"identity_card.fields\" must be an object");
+    if (text.size() < 256) text.resize(256, 0);
+    for (const cJSON* it = f->child; it != nullptr; it = it->next) {
+        const FieldDef* def = nullptr;
+        for (const auto& d : kIdFields)
+            if (std::strcmp(d.key, it->string) == 0) def = &d;
+        if (def == nullptr) fail("unknown identity card field \"" + std::string(it->string) + "\"");
+        put_field(text, def->offset, def->size, get_string(it, it->string));
+    }
+}
+
+// "raw_fields": [{"offset": N, "size": N, "text": "..."}, ...].
+void apply_raw_fields(const cJSON* rf, std::vector<uint8_t>& text) {
+    if (text.size() < 256) text.resize(256, 0);
+    for_each_entry(rf, "identity_card.raw_fields", {"offset", "size", "text"}, [&](const cJSON* it) {
+        const long off = entry_int(it, "offset", 0, 255);
+        const long size = entry_int(it, "size", 1, 256);
+        put_field(text, static_cast<size_t>(off), static_cast<size_t>(size),
+                  get_string(cJSON_GetObjectItemCaseSensitive(it, "text"), "text"));
+    });
+}
+
+// The identity card answer built from the default text and photo and the
+// object's text_hex, fields, raw_fields and photo_hex.
+std::vector<uint8_t> build_id_answer(const cJSON* obj) {
+    std::vector<uint8_t> text = default_id_text();
+    std::vector<uint8_t> photo = default_photo();
+    if (const cJSON* t = cJSON_GetObjectItemCaseSensitive(obj, "text_hex")) {
+        text = get_hex(t, "identity_card.text_hex");
+    }
+    if (const cJSON* f = cJSON_GetObjectItemCaseSensitive(obj, "fields")) apply_named_fields(f, text);
+    if (const cJSON* rf = cJSON_GetObjectItemCaseSensitive(obj, "raw_fields")) apply_raw_fields(rf, text);
+    if (const cJSON* ph = cJSON_GetObjectItemCaseSensitive(obj, "photo_hex")) {
+        photo = get_hex(ph, "identity_card.photo_hex");
+    }
+    return make_id_answer(text, photo);
+}
+
 void read_identity(const cJSON* obj, DeviceProfile& p) {
     if (cJSON_IsNull(obj)) {
         p.id_answer.clear();
@@ -185,41 +244,66 @@ void read_identity(const cJSON* obj, DeviceProfile& p) {
     if (const cJSON* a = cJSON_GetObjectItemCaseSensitive(obj, "answer_hex")) {
         p.id_answer = get_hex(a, "identity_card.answer_hex");
     } else {
-        std::vector<uint8_t> text = default_id_text();
-        std::vector<uint8_t> photo = default_photo();
-        if (const cJSON* t = cJSON_GetObjectItemCaseSensitive(obj, "text_hex")) {
-            text = get_hex(t, "identity_card.text_hex");
-        }
-        if (const cJSON* f = cJSON_GetObjectItemCaseSensitive(obj, "fields")) {
-            if (!cJSON_IsObject(f)) fail("\"identity_card.fields\" must be an object");
-            if (text.size() < 256) text.resize(256, 0);
-            for (const cJSON* it = f->child; it != nullptr; it = it->next) {
-                const FieldDef* def = nullptr;
-                for (const auto& d : kIdFields)
-                    if (std::strcmp(d.key, it->string) == 0) def = &d;
-                if (def == nullptr) fail("unknown identity card field \"" + std::string(it->string) + "\"");
-                put_field(text, def->offset, def->size, get_string(it, it->string));
-            }
-        }
-        if (const cJSON* rf = cJSON_GetObjectItemCaseSensitive(obj, "raw_fields")) {
-            if (!cJSON_IsArray(rf)) fail("\"identity_card.raw_fields\" must be an array");
-            if (text.size() < 256) text.resize(256, 0);
-            const cJSON* it = nullptr;
-            cJSON_ArrayForEach(it, rf) {
-                if (!cJSON_IsObject(it)) fail("\"identity_card.raw_fields\" entries must be objects");
-                check_keys(it, {"offset", "size", "text"}, "identity_card.raw_fields");
-                const long off = get_int(cJSON_GetObjectItemCaseSensitive(it, "offset"), "offset", 0, 255);
-                const long size = get_int(cJSON_GetObjectItemCaseSensitive(it, "size"), "size", 1, 256);
-                put_field(text, static_cast<size_t>(off), static_cast<size_t>(size),
-                          get_string(cJSON_GetObjectItemCaseSensitive(it, "text"), "text"));
-            }
-        }
-        if (const cJSON* ph = cJSON_GetObjectItemCaseSensitive(obj, "photo_hex")) {
-            photo = get_hex(ph, "identity_card.photo_hex");
-        }
-        p.id_answer = make_id_answer(text, photo);
+        p.id_answer = build_id_answer(obj);
     }
     if (!present) p.id_answer.clear();
+}
+
+std::string read_family(const cJSON* v) {
+    std::string family = get_string(v, "family");
+    if (family != "bracket" && family != "legacy86") fail("\"family\" must be \"bracket\" or \"legacy86\"");
+    return family;
+}
+
+// "versions": {"selector": version, ...}; replaces all built-in versions.
+std::map<uint8_t, std::vector<uint8_t>> read_versions(const cJSON* v) {
+    if (!cJSON_IsObject(v)) fail("\"versions\" must be an object of selector: version");
+    std::map<uint8_t, std::vector<uint8_t>> versions;
+    for (const cJSON* it = v->child; it != nullptr; it = it->next) {
+        auto sel = parse_number(it->string);
+        if (!sel || *sel < 0 || *sel > 255) fail("version selector \"" + std::string(it->string) + "\" is not 0..255");
+        versions[static_cast<uint8_t>(*sel)] = bytes_value(it, std::string("versions.") + it->string);
+    }
+    return versions;
+}
+
+// "module_serial": sixteen bytes of hex, or the fields {"a", ..., "e"}.
+std::vector<uint8_t> read_module_serial(const cJSON* v) {
+    if (!cJSON_IsObject(v)) {
+        auto serial = get_hex(v, "module_serial");
+        if (serial.size() != 16) fail("\"module_serial\" must be 16 bytes");
+        return serial;
+    }
+    check_keys(v, {"a", "b", "c", "d", "e"}, "module_serial");
+    auto field = [&](const char* k, long hi) {
+        const cJSON* f = cJSON_GetObjectItemCaseSensitive(v, k);
+        if (f == nullptr) fail(std::string("\"module_serial.") + k + "\" is missing");
+        return static_cast<uint32_t>(get_int(f, std::string("module_serial.") + k, 0, hi));
+    };
+    return serial_from_fields(field("a", 0xFFFF), field("b", 0xFFFF), field("c", 0xFFFFFFFFL), field("d", 0xFFFFFFFFL),
+                              field("e", 0xFFFFFFFFL));
+}
+
+std::optional<Reply> read_unknown_reply(const cJSON* v) {
+    if (cJSON_IsNull(v)) return std::nullopt;
+    if (!cJSON_IsObject(v)) fail("\"unknown_reply\" must be an object or null");
+    check_keys(v, {"status", "data"}, "unknown_reply");
+    Reply rep;
+    if (const cJSON* s = cJSON_GetObjectItemCaseSensitive(v, "status"))
+        std::tie(rep.s1, rep.s2) = get_status(s, "unknown_reply.status");
+    if (const cJSON* d = cJSON_GetObjectItemCaseSensitive(v, "data")) rep.data = get_hex(d, "unknown_reply.data");
+    return rep;
+}
+
+// "status_overrides": [{"class": N, "code": N, "status": "XXXX"}, ...].
+void read_status_overrides(const cJSON* v, DeviceProfile& p) {
+    for_each_entry(v, "status_overrides", {"class", "code", "status"}, [&](const cJSON* it) {
+        const long cls = entry_int(it, "class", 0, 255);
+        const long code = entry_int(it, "code", 0, 255);
+        const cJSON* st = cJSON_GetObjectItemCaseSensitive(it, "status");
+        if (st == nullptr) fail("\"status_overrides\" entry without \"status\"");
+        p.status_overrides[static_cast<uint16_t>(cls << 8 | code)] = get_status(st, "status");
+    });
 }
 
 }  // namespace
@@ -264,64 +348,15 @@ DeviceProfile parse_device_profile(const std::string& json_text) {
     auto get = [&](const char* key) { return cJSON_GetObjectItemCaseSensitive(r, key); };
 
     if (const cJSON* v = get("name")) p.name = get_string(v, "name");
-    if (const cJSON* v = get("family")) {
-        p.family = get_string(v, "family");
-        if (p.family != "bracket" && p.family != "legacy86") fail("\"family\" must be \"bracket\" or \"legacy86\"");
-    }
+    if (const cJSON* v = get("family")) p.family = read_family(v);
     if (const cJSON* v = get("greeting")) p.greeting = get_hex(v, "greeting");
     if (const cJSON* v = get("disconnect")) p.disconnect = get_hex(v, "disconnect");
     if (const cJSON* v = get("legacy86_reply")) p.legacy86_reply = get_hex(v, "legacy86_reply");
-    if (const cJSON* v = get("versions")) {
-        if (!cJSON_IsObject(v)) fail("\"versions\" must be an object of selector: version");
-        p.versions.clear();
-        for (const cJSON* it = v->child; it != nullptr; it = it->next) {
-            auto sel = parse_number(it->string);
-            if (!sel || *sel < 0 || *sel > 255) fail("version selector \"" + std::string(it->string) + "\" is not 0..255");
-            p.versions[static_cast<uint8_t>(*sel)] = bytes_value(it, std::string("versions.") + it->string);
-        }
-    }
-    if (const cJSON* v = get("module_serial")) {
-        if (cJSON_IsObject(v)) {
-            check_keys(v, {"a", "b", "c", "d", "e"}, "module_serial");
-            auto field = [&](const char* k, long hi) {
-                const cJSON* f = cJSON_GetObjectItemCaseSensitive(v, k);
-                if (f == nullptr) fail(std::string("\"module_serial.") + k + "\" is missing");
-                return static_cast<uint32_t>(get_int(f, std::string("module_serial.") + k, 0, hi));
-            };
-            p.module_serial = serial_from_fields(field("a", 0xFFFF), field("b", 0xFFFF), field("c", 0xFFFFFFFFL),
-                                                 field("d", 0xFFFFFFFFL), field("e", 0xFFFFFFFFL));
-        } else {
-            p.module_serial = get_hex(v, "module_serial");
-            if (p.module_serial.size() != 16) fail("\"module_serial\" must be 16 bytes");
-        }
-    }
+    if (const cJSON* v = get("versions")) p.versions = read_versions(v);
+    if (const cJSON* v = get("module_serial")) p.module_serial = read_module_serial(v);
     if (const cJSON* v = get("identity_card")) read_identity(v, p);
-    if (const cJSON* v = get("unknown_reply")) {
-        if (cJSON_IsNull(v)) {
-            p.unknown_reply.reset();
-        } else {
-            if (!cJSON_IsObject(v)) fail("\"unknown_reply\" must be an object or null");
-            check_keys(v, {"status", "data"}, "unknown_reply");
-            Reply rep;
-            if (const cJSON* s = cJSON_GetObjectItemCaseSensitive(v, "status"))
-                std::tie(rep.s1, rep.s2) = get_status(s, "unknown_reply.status");
-            if (const cJSON* d = cJSON_GetObjectItemCaseSensitive(v, "data")) rep.data = get_hex(d, "unknown_reply.data");
-            p.unknown_reply = rep;
-        }
-    }
-    if (const cJSON* v = get("status_overrides")) {
-        if (!cJSON_IsArray(v)) fail("\"status_overrides\" must be an array");
-        const cJSON* it = nullptr;
-        cJSON_ArrayForEach(it, v) {
-            if (!cJSON_IsObject(it)) fail("\"status_overrides\" entries must be objects");
-            check_keys(it, {"class", "code", "status"}, "status_overrides");
-            const long cls = get_int(cJSON_GetObjectItemCaseSensitive(it, "class"), "class", 0, 255);
-            const long code = get_int(cJSON_GetObjectItemCaseSensitive(it, "code"), "code", 0, 255);
-            const cJSON* st = cJSON_GetObjectItemCaseSensitive(it, "status");
-            if (st == nullptr) fail("\"status_overrides\" entry without \"status\"");
-            p.status_overrides[static_cast<uint16_t>(cls << 8 | code)] = get_status(st, "status");
-        }
-    }
+    if (const cJSON* v = get("unknown_reply")) p.unknown_reply = read_unknown_reply(v);
+    if (const cJSON* v = get("status_overrides")) read_status_overrides(v, p);
     return p;
 }
 

@@ -72,6 +72,98 @@ bool value_of(const std::string& line, const std::string& key, std::string& valu
     return true;
 }
 
+// The section headers and port keys the command file is searched for.
+struct ExtFileKeys {
+    std::string term_header, transfer_header, open_key, close_key;
+};
+
+ExtFileKeys ext_file_keys(int type, int port) {
+    return {"[TERM_" + std::to_string(type) + "_KOLT510QX]", "[TRANSFER_" + std::to_string(type) + "_KOLT510QX]",
+            "OPEN_COM" + std::to_string(port), "CLOSE_COM" + std::to_string(port)};
+}
+
+enum class Section { None, Term, Transfer };
+
+// Follows the command file's sections: only the first section with each of
+// the two wanted headers is read, and any "[TERM" or "[TRANSFER" line ends it.
+struct SectionWalk {
+    const std::string& term_header;
+    const std::string& transfer_header;
+    Section section = Section::None;
+    bool term_seen = false;
+    bool transfer_seen = false;
+
+    // Whether `line` is an entry of a wanted section (false for headers).
+    bool is_content(const std::string& line) {
+        if (section != Section::None &&
+            (line.find("[TERM") != std::string::npos || line.find("[TRANSFER") != std::string::npos)) {
+            section = Section::None;
+        }
+        if (section != Section::None) return true;
+        if (!term_seen && line.find(term_header) != std::string::npos) {
+            section = Section::Term;
+            term_seen = true;
+        } else if (!transfer_seen && line.find(transfer_header) != std::string::npos) {
+            section = Section::Transfer;
+            transfer_seen = true;
+        }
+        return false;
+    }
+};
+
+// One cleaned line of the terminal section; returns whether it was an entry
+// for the port's open or close sequence.
+bool read_term_line(const std::string& l, const ExtFileKeys& keys, TerminalSequences& s) {
+    // Keys are recognised by substring, in this order; the value is
+    // what follows "KEY=" (so OPEN_COM12= counts as an OPEN_COM1
+    // entry but leaves its value alone).
+    auto has = [&](const std::string& key) { return l.find(key) != std::string::npos; };
+    auto take = [&](const std::string& key, std::string& out) {
+        std::string v;
+        if (value_of(l, key, v)) out = decode_value(v);
+    };
+    if (has(keys.open_key)) {
+        take(keys.open_key, s.open);
+        return true;
+    }
+    if (has(keys.close_key)) {
+        take(keys.close_key, s.close);
+        return true;
+    }
+    if (has("LOCK_KEY") && !has("UNLOCK_KEY")) {
+        take("LOCK_KEY", s.lock);
+    } else if (has("UNLOCK_KEY")) {
+        take("UNLOCK_KEY", s.unlock);
+    } else if (has("CMD_BEGIN")) {
+        take("CMD_BEGIN", s.lead);
+    } else if (has("CMD_END")) {
+        take("CMD_END", s.end);
+    }
+    return false;
+}
+
+// One cleaned line of the transfer section: the first OPEN_PORTx key found
+// (x in A, B, C, D, K) adds its value, when it is non-empty hex text, as a
+// pass-through command.
+void read_transfer_line(const std::string& l, TerminalSequences& s) {
+    std::string v;
+    for (char letter : std::string("ABCDK")) {
+        if (value_of(l, std::string("OPEN_PORT") + letter, v)) {
+            auto b = parse_hex(v);
+            if (b && !b->empty()) s.transfer.emplace_back(b->begin(), b->end());
+            break;
+        }
+    }
+}
+
+// The length of the longest proper prefix of `end` that `rest` ends with.
+size_t end_prefix_at_tail(std::string_view rest, std::string_view end) {
+    for (size_t k = std::min(rest.size(), end.size() - 1); k > 0; --k) {
+        if (rest.substr(rest.size() - k) == end.substr(0, k)) return k;
+    }
+    return 0;
+}
+
 }  // namespace
 
 TerminalSequences builtin_terminal(int type, int port) {
@@ -115,70 +207,25 @@ TerminalSequences builtin_terminal(int type, int port) {
 TerminalSequences ext_file_terminal(const std::string& path, int type, int port) {
     std::ifstream in(path);
     if (!in) throw std::runtime_error("terminal command file: cannot open " + path);
-    const std::string term_header = "[TERM_" + std::to_string(type) + "_KOLT510QX]";
-    const std::string transfer_header = "[TRANSFER_" + std::to_string(type) + "_KOLT510QX]";
-    const std::string open_key = "OPEN_COM" + std::to_string(port);
-    const std::string close_key = "CLOSE_COM" + std::to_string(port);
+    const ExtFileKeys keys = ext_file_keys(type, port);
     TerminalSequences s;
     int count = 0;
-    bool term_seen = false, transfer_seen = false;
-    enum { None, Term, Transfer } section = None;
+    SectionWalk walk{keys.term_header, keys.transfer_header};
     std::string line;
     while (std::getline(in, line)) {
-        if (is_comment(line)) continue;
-        if (section != None && (line.find("[TERM") != std::string::npos ||
-                                line.find("[TRANSFER") != std::string::npos)) {
-            section = None;
-        }
-        if (section == None) {
-            if (!term_seen && line.find(term_header) != std::string::npos) {
-                section = Term;
-                term_seen = true;
-            } else if (!transfer_seen && line.find(transfer_header) != std::string::npos) {
-                section = Transfer;
-                transfer_seen = true;
-            }
-            continue;
-        }
+        if (is_comment(line) || !walk.is_content(line)) continue;
         const std::string l = clean_line(line);
-        std::string v;
-        if (section == Term) {
-            // Keys are recognised by substring, in this order; the value is
-            // what follows "KEY=" (so OPEN_COM12= counts as an OPEN_COM1
-            // entry but leaves its value alone).
-            auto has = [&](const std::string& key) { return l.find(key) != std::string::npos; };
-            auto take = [&](const std::string& key, std::string& out) {
-                if (value_of(l, key, v)) out = decode_value(v);
-            };
-            if (has(open_key)) {
-                take(open_key, s.open);
-                ++count;
-            } else if (has(close_key)) {
-                take(close_key, s.close);
-                ++count;
-            } else if (has("LOCK_KEY") && !has("UNLOCK_KEY")) {
-                take("LOCK_KEY", s.lock);
-            } else if (has("UNLOCK_KEY")) {
-                take("UNLOCK_KEY", s.unlock);
-            } else if (has("CMD_BEGIN")) {
-                take("CMD_BEGIN", s.lead);
-            } else if (has("CMD_END")) {
-                take("CMD_END", s.end);
-            }
+        if (walk.section == Section::Term) {
+            if (read_term_line(l, keys, s)) ++count;
         } else {
-            for (char letter : std::string("ABCDK")) {
-                if (value_of(l, std::string("OPEN_PORT") + letter, v)) {
-                    auto b = parse_hex(v);
-                    if (b && !b->empty()) s.transfer.emplace_back(b->begin(), b->end());
-                    break;
-                }
-            }
+            read_transfer_line(l, s);
         }
     }
-    if (!term_seen) throw std::runtime_error("terminal command file: no section " + term_header + " in " + path);
+    if (!walk.term_seen)
+        throw std::runtime_error("terminal command file: no section " + keys.term_header + " in " + path);
     if (count < 2)
-        throw std::runtime_error("terminal command file: section " + term_header + " lacks " + open_key + "/" +
-                                 close_key);
+        throw std::runtime_error("terminal command file: section " + keys.term_header + " lacks " + keys.open_key +
+                                 "/" + keys.close_key);
     return s;
 }
 
@@ -275,6 +322,43 @@ void TerminalEmulator::apply(Kind k) {
     }
 }
 
+size_t TerminalEmulator::pass_block(std::string_view rest, std::string& out) {
+    const auto e = rest.find(seq_.end);
+    if (e != std::string_view::npos) {
+        deliver(rest.substr(0, e), out);
+        in_block_ = false;
+        events_.push_back("end");
+        return e + seq_.end.size();
+    }
+    // Hold back what may be the start of the end sequence.
+    const size_t keep = end_prefix_at_tail(rest, seq_.end);
+    deliver(rest.substr(0, rest.size() - keep), out);
+    return rest.size() - keep;
+}
+
+const TerminalEmulator::Token* TerminalEmulator::match_token(std::string_view rest, bool& partial) const {
+    const Token* best = nullptr;
+    for (const auto& t : tokens_) {
+        // A data end outside a block is only matched whole, never waited for.
+        if (rest.size() >= t.seq.size() || t.kind == Kind::End) {
+            if (rest.substr(0, t.seq.size()) == t.seq && (best == nullptr || t.seq.size() > best->seq.size()))
+                best = &t;
+        } else if (std::string_view(t.seq).substr(0, rest.size()) == rest) {
+            partial = true;
+        }
+    }
+    return best;
+}
+
+void TerminalEmulator::plain_byte(char c, std::string& out) {
+    if (open_ && seq_.lead.empty()) {
+        flush_unexpected();
+        deliver(std::string_view(&c, 1), out);
+    } else {
+        unexpected_.push_back(c);
+    }
+}
+
 std::string TerminalEmulator::feed(std::string_view in) {
     last_feed_ = Clock::now();
     buf_.append(in);
@@ -283,41 +367,12 @@ std::string TerminalEmulator::feed(std::string_view in) {
     while (pos < buf_.size()) {
         const std::string_view rest(buf_.data() + pos, buf_.size() - pos);
         if (in_block_) {
-            const auto e = rest.find(seq_.end);
-            if (e != std::string_view::npos) {
-                deliver(rest.substr(0, e), out);
-                pos += e + seq_.end.size();
-                in_block_ = false;
-                events_.push_back("end");
-                continue;
-            }
-            // Hold back what may be the start of the end sequence.
-            size_t keep = 0;
-            for (size_t k = std::min(rest.size(), seq_.end.size() - 1); k > 0; --k) {
-                if (rest.substr(rest.size() - k) == std::string_view(seq_.end).substr(0, k)) {
-                    keep = k;
-                    break;
-                }
-            }
-            deliver(rest.substr(0, rest.size() - keep), out);
-            pos = buf_.size() - keep;
-            break;
+            pos += pass_block(rest, out);
+            if (in_block_) break;  // the end sequence has not come yet
+            continue;
         }
-        const Token* best = nullptr;
         bool partial = false;
-        for (const auto& t : tokens_) {
-            if (t.kind == Kind::End) {
-                if (rest.substr(0, t.seq.size()) == t.seq && (best == nullptr || t.seq.size() > best->seq.size()))
-                    best = &t;
-                continue;
-            }
-            if (rest.size() >= t.seq.size()) {
-                if (rest.substr(0, t.seq.size()) == t.seq && (best == nullptr || t.seq.size() > best->seq.size()))
-                    best = &t;
-            } else if (std::string_view(t.seq).substr(0, rest.size()) == rest) {
-                partial = true;
-            }
-        }
+        const Token* best = match_token(rest, partial);
         if (partial) break;  // wait for the rest of a sequence
         if (best != nullptr) {
             flush_unexpected();
@@ -325,12 +380,7 @@ std::string TerminalEmulator::feed(std::string_view in) {
             apply(best->kind);
             continue;
         }
-        if (open_ && seq_.lead.empty()) {
-            flush_unexpected();
-            deliver(rest.substr(0, 1), out);
-        } else {
-            unexpected_.push_back(rest[0]);
-        }
+        plain_byte(rest[0], out);
         ++pos;
     }
     buf_.erase(0, pos);

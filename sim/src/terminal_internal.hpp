@@ -42,6 +42,15 @@ private:
         std::string seq;
         Kind kind;
     };
+    // Inside a lead/end block: passes the data before the end sequence on and
+    // returns the bytes used; the block stays open while no end has come.
+    size_t pass_block(std::string_view rest, std::string& out);
+    // The longest sequence `rest` starts with; `partial` is set when `rest`
+    // may be the beginning of a longer one.
+    const Token* match_token(std::string_view rest, bool& partial) const;
+    // A byte outside any sequence: data while the port is open without a
+    // lead sequence, else part of an unexpected run.
+    void plain_byte(char c, std::string& out);
     void apply(Kind k);
     void error(const std::string& what);
     void flush_unexpected();
