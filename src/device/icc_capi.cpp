@@ -22,8 +22,9 @@ namespace {
 
 // Copies a card reply into the caller's buffer (response and a zero).
 void copy_out(const CardReply& reply, uint8_t* out, int32_t* outLen) {
-    if (outLen != nullptr) *outLen = reply.length;
-    if (out != nullptr && reply.length > 0) std::memcpy(out, reply.bytes.data(), static_cast<std::size_t>(reply.length) + 1);
+    kolt::capi::put(outLen, reply.length);
+    if (reply.length > 0)
+        kolt::capi::copy_bytes(out, std::span<const uint8_t>(reply.bytes).first(static_cast<std::size_t>(reply.length) + 1));
 }
 
 template <class F>
