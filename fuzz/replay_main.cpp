@@ -1,6 +1,7 @@
-// Replays saved fuzz inputs through a fuzz target without libFuzzer: every
-// file given, and every regular file in each directory given, is passed once
-// to LLVMFuzzerTestOneInput. The test suite builds each target with this main
+// Replays saved fuzz inputs through a fuzz target without libFuzzer: the
+// first argument names the target; every file given after it, and every
+// regular file in each directory given, is passed once to the target's
+// entry point. The test suite builds all the targets with this main
 // (with the compiler and sanitizers of that build) and runs it over the
 // target's seed corpus and its saved regressions. A missing directory counts
 // as empty; no input at all is a failure.
@@ -14,9 +15,23 @@
 #include <string>
 #include <vector>
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+#include <cstring>
 
 namespace {
+
+using Entry = int (*)(const uint8_t* data, size_t size);
+struct Target {
+    const char* name;
+    Entry entry;
+};
+
+}  // namespace
+
+#include "fuzz_registry.inc"
+
+namespace {
+
+Entry g_entry = nullptr;
 
 bool replay(const std::filesystem::path& file) {
     std::ifstream in(file, std::ios::binary);
@@ -28,7 +43,7 @@ bool replay(const std::filesystem::path& file) {
     // A copy of exactly the file's size, as libFuzzer hands it over.
     std::vector<uint8_t> data(bytes.begin(), bytes.end());
     std::fprintf(stderr, "replay: %s (%zu bytes)\n", file.c_str(), data.size());
-    LLVMFuzzerTestOneInput(data.empty() ? nullptr : data.data(), data.size());
+    g_entry(data.empty() ? nullptr : data.data(), data.size());
     return true;
 }
 
@@ -36,9 +51,20 @@ bool replay(const std::filesystem::path& file) {
 
 int main(int argc, char** argv) {
     namespace fs = std::filesystem;
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: fuzz_replay <target> <file or directory>...\n");
+        return 2;
+    }
+    for (const Target& t : kTargets) {
+        if (std::strcmp(t.name, argv[1]) == 0) g_entry = t.entry;
+    }
+    if (g_entry == nullptr) {
+        std::fprintf(stderr, "replay: no target %s\n", argv[1]);
+        return 2;
+    }
     std::size_t count = 0;
     bool ok = true;
-    for (int i = 1; i < argc; ++i) {
+    for (int i = 2; i < argc; ++i) {
         const fs::path arg(argv[i]);
         std::error_code ec;
         if (fs::is_directory(arg, ec)) {
