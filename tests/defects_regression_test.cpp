@@ -3,6 +3,10 @@
 // leave a descriptor open. Under ASan the buffers below are exactly the
 // room the library is allowed to use, so any overrun is reported.
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <pty.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <climits>
 #include <cstdint>
@@ -226,6 +230,31 @@ TEST_F(FailedConnect, ClosesThePortItOpened) {
     EXPECT_EQ(KOLT_connectDevice("", "0", "1", "", ""), -1);
     EXPECT_EQ(open_descriptors(), before);
     EXPECT_EQ(kolt::link::state().owned_fd, -1);
+}
+
+// --- a line whose other end has gone -----------------------------------------
+
+// Voluntary context switches of this thread: each sleep on the line is one.
+long wakeups() {
+    rusage r{};
+    getrusage(RUSAGE_THREAD, &r);
+    return r.ru_nvcsw;
+}
+
+TEST(DeadLine, IsWaitedOutWithoutSpinning) {
+    int master = -1;
+    int slave = -1;
+    ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+    ::fcntl(slave, F_SETFL, ::fcntl(slave, F_GETFL) | O_NONBLOCK);
+    ::close(master);  // the other end has gone: the line reports a hang-up
+    uint8_t buf[16];
+    const long before = wakeups();
+    EXPECT_EQ(KOLT_rcvBuf(slave, buf, sizeof buf, 1), 0);
+    const long woke = wakeups() - before;
+    // A busy loop wakes thousands of times a second; sleeping in slices of
+    // 100 ms wakes about ten times.
+    EXPECT_LT(woke, 100) << "woke " << woke << " times in a one-second wait";
+    ::close(slave);
 }
 
 }  // namespace
