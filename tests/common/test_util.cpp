@@ -70,7 +70,14 @@ int run_copy_of_self(const std::filesystem::path& copy, const std::string& filte
                      const std::vector<std::pair<std::string, std::string>>& env,
                      const std::string& stdout_file) {
     std::filesystem::create_directories(copy.parent_path());
-    std::filesystem::copy_file("/proc/self/exe", copy, std::filesystem::copy_options::overwrite_existing);
+    // Read to the end rather than copied by its stated size: under qemu-user
+    // a stat of /proc/self/exe describes the emulator, not the program.
+    {
+        std::ifstream in("/proc/self/exe", std::ios::binary);
+        std::ofstream out(copy, std::ios::binary | std::ios::trunc);
+        out << in.rdbuf();
+        if (!in || !out) return -1;
+    }
     std::filesystem::permissions(copy, std::filesystem::perms::owner_all, std::filesystem::perm_options::add);
     const std::string filter_arg = "--gtest_filter=" + filter;
     const std::string started_file = copy.string() + ".started";
