@@ -67,24 +67,7 @@ TEST(ParseOneRecordRoom, FourDigitCounterKeepsItsLength) {
 // (so the flows take 106 characters as the record length), the rest with
 // counters of five digits (107 characters each).
 std::shared_ptr<Card> card_with_long_counters(int count) {
-    std::string records;
-    for (int i = 0; i < count; ++i) {
-        char r[256];
-        std::snprintf(r, sizeof r,
-                      R"(%s{"9A": "260115", "9F21": "120000", "9F02": "%012d", "9F4E": {"text": "SHOP"}, "9C": "00", "9F36": "%04X"})",
-                      i == 0 ? "" : ",", i + 1, i == 0 ? 7 : 20000 + i);
-        records += r;
-    }
-    return Card::from_json(R"({
-      "name": "long_counters", "atr": "3B 02 14 50",
-      "pse": {"sfi": 1, "records": [[{"aid": "F0 4B 4F 4C 54 01 01 41"}]]},
-      "applications": [{
-        "aid": "F0 4B 4F 4C 54 01 01 41",
-        "gpo": {"format": 1, "aip": "7C00", "afl": "08010100"},
-        "records": [{"sfi": 1, "record": 1, "data": {"70": {"5A": "6299990000000031"}}}],
-        "log": {"sfi": 11, "announced": )" + std::to_string(count) +
-                           R"(, "records": [)" + records + R"(]}
-      }]})");
+    return kolt::test::card_with_log(count, count, "", [](int i) { return i == 0 ? 7 : 20000 + i; });
 }
 
 class LongCounterLog : public kolt::test::SimTest {};

@@ -22,13 +22,9 @@ using kolt::test::TempDir;
 
 namespace {
 
-const std::string kStamp = R"(\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2} \d{3}\] )";
+const std::string& kStamp = kolt::test::kLogStamp;
 
-std::string month() {
-    char ym[8] = {0};
-    getNowYearMonth(ym);
-    return ym;
-}
+std::string month() { return kolt::test::log_month(); }
 
 // Runs a copy of this test program, placed at exe, with the helper test
 // below selected and KOLT_LOG_HELPER=mode; returns the exit status and

@@ -23,6 +23,7 @@ using kolt::test::kNoLogEntry;
 using kolt::test::kPortOpenError;
 using kolt::test::kPowerOnError;
 using kolt::test::kReadRecordError;
+using kolt::test::card_with_log;
 using kolt::test::load_card;
 using kolt::test::log_record;
 using kolt::test::reads_of_sfi;
@@ -47,30 +48,6 @@ std::string core(int ic_type, int* rc, const char* aid = "") {
     std::vector<char> out(KOLT_TXLOG_MAX, 0);
     *rc = KOLT_ICRT_GetTrDetail(0, 1, ic_type, aid, out.data());
     return std::string(out.data());
-}
-
-// A contact card whose log (SFI 11) holds `count` records of the reference
-// layout and whose log entry announces `announced`.
-std::shared_ptr<Card> card_with_log(int count, int announced, const std::string& format = "") {
-    std::string records;
-    for (int i = 0; i < count; ++i) {
-        char r[256];
-        std::snprintf(r, sizeof r,
-                      R"(%s{"9A": "2601%02d", "9F21": "1200%02d", "9F02": "%012d", "9F4E": {"text": "SHOP %d"}, "9C": "00", "9F36": "%04X"})",
-                      i == 0 ? "" : ",", i % 28 + 1, i % 60, (i + 1) * 100, i + 1, i + 1);
-        records += r;
-    }
-    const std::string fmt = format.empty() ? "" : R"("format": ")" + format + R"(", )";
-    return Card::from_json(R"({
-      "name": "custom_log", "atr": "3B 02 14 50",
-      "pse": {"sfi": 1, "records": [[{"aid": "F0 4B 4F 4C 54 01 01 41"}]]},
-      "applications": [{
-        "aid": "F0 4B 4F 4C 54 01 01 41",
-        "gpo": {"format": 1, "aip": "7C00", "afl": "08010100"},
-        "records": [{"sfi": 1, "record": 1, "data": {"70": {"5A": "6299990000000031"}}}],
-        "log": {"sfi": 11, )" + fmt + R"("announced": )" + std::to_string(announced) +
-                           R"(, "records": [)" + records + R"(]}
-      }]})");
 }
 
 class TxLogTest : public kolt::test::SimTest {};

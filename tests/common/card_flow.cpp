@@ -1,6 +1,9 @@
 #include "common/card_flow.hpp"
 
 #include <cstdio>
+#include <functional>
+
+#include <cstdio>
 #include <span>
 
 #include "kolt/kolt.h"
@@ -171,5 +174,32 @@ kolt::sim::Options terminal_options(int port) {
 }  // namespace
 
 TerminalSimulator::TerminalSimulator(int port) : sim_(terminal_options(port)), stdin_(sim_->slave_path()) {}
+
+// A contact card whose log (SFI 11) holds `count` records of the reference
+// layout and whose log entry announces `announced`; atc(i) is the counter of
+// record i (i + 1 when not given).
+std::shared_ptr<kolt::sim::Card> card_with_log(int count, int announced, const std::string& format,
+                                               const std::function<int(int)>& atc) {
+    std::string records;
+    for (int i = 0; i < count; ++i) {
+        char r[256];
+        std::snprintf(r, sizeof r,
+                      R"(%s{"9A": "2601%02d", "9F21": "1200%02d", "9F02": "%012d", "9F4E": {"text": "SHOP %d"}, "9C": "00", "9F36": "%04X"})",
+                      i == 0 ? "" : ",", i % 28 + 1, i % 60, (i + 1) * 100, i + 1, atc ? atc(i) : i + 1);
+        records += r;
+    }
+    const std::string fmt = format.empty() ? "" : R"("format": ")" + format + R"(", )";
+    return kolt::sim::Card::from_json(R"({
+      "name": "custom_log", "atr": "3B 02 14 50",
+      "pse": {"sfi": 1, "records": [[{"aid": "F0 4B 4F 4C 54 01 01 41"}]]},
+      "applications": [{
+        "aid": "F0 4B 4F 4C 54 01 01 41",
+        "gpo": {"format": 1, "aip": "7C00", "afl": "08010100"},
+        "records": [{"sfi": 1, "record": 1, "data": {"70": {"5A": "6299990000000031"}}}],
+        "log": {"sfi": 11, )" + fmt + R"("announced": )" + std::to_string(announced) +
+                           R"(, "records": [)" + records + R"(]}
+      }]})");
+}
+
 
 }  // namespace kolt::test

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -135,5 +136,12 @@ private:
     ScopedSimulator sim_;
     ScopedStdin stdin_;
 };
+
+// A contact card whose log (SFI 11) holds `count` records of the reference
+// layout and whose log entry announces `announced`; format is the log
+// format's hex text (empty: the reference one), atc(i) the counter of record
+// i (i + 1 when not given).
+std::shared_ptr<kolt::sim::Card> card_with_log(int count, int announced, const std::string& format = "",
+                                               const std::function<int(int)>& atc = nullptr);
 
 }  // namespace kolt::test

@@ -1,5 +1,7 @@
 #include "common/test_util.hpp"
 
+#include "kolt/kolt.h"
+
 #include "support/log.hpp"
 
 #include <cstdio>
@@ -41,6 +43,12 @@ ScopedEnv::ScopedEnv(std::string name, std::optional<std::string> value) : name_
 ScopedEnv::~ScopedEnv() {
     if (old_) ::setenv(name_.c_str(), old_->c_str(), 1);
     else ::unsetenv(name_.c_str());
+}
+
+std::string log_month() {
+    char ym[8] = {0};
+    getNowYearMonth(ym);
+    return ym;
 }
 
 std::string read_file(const std::string& path) {

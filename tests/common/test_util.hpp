@@ -82,6 +82,11 @@ int run_copy_of_self(const std::filesystem::path& copy, const std::string& filte
 // run_copy_of_self notes the name of every test it starts (test_main.cpp).
 inline constexpr const char* kStartedTestsFileVar = "KOLT_TEST_STARTED_FILE";
 
+// The timestamp that begins every log line, as a regular expression.
+inline const std::string kLogStamp = R"(\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2} \d{3}\] )";
+// The current year and month as the log file names carry them (YYYYMM).
+std::string log_month();
+
 // The ESC byte, as escape sequences are spelled in the tests.
 inline const std::string kEsc = "\x1b";
 
