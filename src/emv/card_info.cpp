@@ -148,7 +148,8 @@ FlowResult icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, s
     clear_working_state();
     init_tag_list_value();
 
-    const link::Session session = open_link(term_type, port, "KOLT_ICRT_GetICCInfo KOLT_initCom flag=%d");
+    const FlowTrace trace("KOLT_ICRT_GetICCInfo", Family::icrt);
+    const link::Session session = open_link(term_type, port, trace);
     if (!session.ok()) return failed(Stage::link, -21, std::string(gbk::kPortOpenError));
 
     FlowResult result;
@@ -171,7 +172,7 @@ FlowResult icrt_get_icc_info(int32_t term_type, int32_t port, int32_t ic_type, s
         // letters of the slots they fill: E fills G, F fills H, G fills K.
         fetch_ec_values(letters, "EFG");
 
-        const Walk w = walk_afl(app, letters, FlowTrace("KOLT_ICRT_GetICCInfo", Family::icrt));
+        const Walk w = walk_afl(app, letters, trace);
         if (w.read_result < 0) {
             result = failed(Stage::read_record, -22, std::string(gbk::kReadRecordError));
         } else {

@@ -18,9 +18,9 @@ constexpr uint32_t kInitTimeout = 20;  // power-on and selection
 }  // namespace
 
 
-link::Session open_link(int32_t term_type, int32_t port, const char* failure_log) {
+link::Session open_link(int32_t term_type, int32_t port, const FlowTrace& trace) {
     link::Session session = link::open_teller(term_type, port);
-    if (!session.ok()) log::error_int(failure_log, session.result());
+    if (!session.ok()) trace.error_int("KOLT_initCom flag=%d", session.result());
     return session;
 }
 

@@ -65,9 +65,10 @@ inline FlowResult finished(int32_t code, std::string text) {
 
 // ---------------------------------------------------------------------------
 // Link of the ICRT family: KOLT_DoTermType, then KOLT_initCom with the port.
-// On failure the flow's log line (format with one "%d") goes to the error
-// log. The link is released when the session ends, whether it opened or not.
-link::Session open_link(int32_t term_type, int32_t port, const char* failure_log);
+// On failure the flow's "<entry> KOLT_initCom flag=%d" line goes to the
+// error log. The link is released when the session ends, whether it opened
+// or not.
+link::Session open_link(int32_t term_type, int32_t port, const FlowTrace& trace);
 
 // Application selection and initiation as the information and log flows
 // use it (time-out 20 s, slot ssICType, which power-on rewrites).

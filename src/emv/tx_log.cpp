@@ -104,7 +104,8 @@ FlowResult icrt_get_tr_detail(int32_t term_type, int32_t port, int32_t ic_type, 
     log::debug_int("KOLT_ICRT_GetICCInfo ICtype = %d", state().slot());
     clear_working_state();
 
-    const link::Session session = open_link(term_type, port, "KOLT_ICRT_GetTrDetail KOLT_initCom flag=%d");
+    const FlowTrace trace("KOLT_ICRT_GetTrDetail", Family::icrt);
+    const link::Session session = open_link(term_type, port, trace);
     if (!session.ok()) return failed(Stage::link, -21, std::string(gbk::kPortOpenError));
 
     const AppInit app = start_app_psbc(aid_text);
@@ -122,7 +123,7 @@ FlowResult icrt_get_tr_detail(int32_t term_type, int32_t port, int32_t ic_type, 
         out.stage = Stage::log_entry;
         out.text = std::string(gbk::kNoLogEntry);
     } else {
-        LogRead r = read_log(app, 3, FlowTrace("KOLT_ICRT_GetTrDetail", Family::icrt));
+        LogRead r = read_log(app, 3, trace);
         if (r.end != LogRead::End::Complete) {
             out.code = r.end == LogRead::End::ReadFailed ? r.read_result - 22 : -23;
             out.stage = r.end == LogRead::End::ReadFailed ? Stage::read_record : Stage::log_format;
