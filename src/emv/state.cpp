@@ -99,7 +99,7 @@ void WorkingState::reset() {
     aip_afl.fill(0);
     cdol1.fill(0);
     cdol2.fill(0);
-    ac_format80 = 0;
+    ac_format80.fill(0);
     set_slot(0);
 }
 

@@ -21,7 +21,8 @@ inline constexpr int kTagCount = 30;           // letters in tagList
 inline constexpr int kSlotSize = 256;          // one tagListValue entry: length byte + 255
 inline constexpr int kSlotRoom = 255;          // value bytes a slot holds
 inline constexpr std::size_t kFoundSize = 32;  // gFindedTagList: 31 letters + terminator
-inline constexpr std::size_t kCardBufferRoom = 256;  // gAIPAFLBuf, CDOL1Buf, CDOL2Buf
+inline constexpr std::size_t kCardBufferRoom = 256;  // CDOL1Buf, CDOL2Buf, gACFormt80
+inline constexpr std::size_t kAipBufferRoom = 128;   // gAIPAFLBuf
 
 class WorkingState {
 public:
@@ -31,10 +32,11 @@ public:
     // Letters found in card replies, in order, repeats allowed.
     char found[kFoundSize]{};
     // What the cryptogram call leaves for the issuer-authentication call.
-    std::array<uint8_t, kCardBufferRoom> aip_afl{};  // gAIPAFLBuf: AIP, then AFL entries
-    std::array<uint8_t, kCardBufferRoom> cdol1{};    // CDOL1Buf
-    std::array<uint8_t, kCardBufferRoom> cdol2{};    // CDOL2Buf
-    uint8_t ac_format80 = 0;                         // gACFormt80
+    std::array<uint8_t, kAipBufferRoom> aip_afl{};       // gAIPAFLBuf: byte 0 the length (2), then the AIP
+    std::array<uint8_t, kCardBufferRoom> cdol1{};        // CDOL1Buf: the raw CDOL1
+    std::array<uint8_t, kCardBufferRoom> cdol2{};        // CDOL2Buf: the raw CDOL2
+    std::array<uint8_t, kCardBufferRoom> ac_format80{};  // gACFormt80: byte 0 the length of the first
+                                                         // GENERATE AC's format-1 value, the value after it
 
     // Card slot of the current card: 0x00 contact, 0xFF contactless (power-on
     // writes the slot that answered).
