@@ -15,9 +15,8 @@
 
 namespace kolt::emv {
 
-
 // ---------------------------------------------------------------------------
-// Tables and process-wide state (one definition each, in tags.cpp).
+// Tables (defined in tag_table.cpp).
 
 // The letters naming data elements in requests and replies.
 extern const char tagList[kTagCount + 1];  // "ABCDEFGHIJKLMNOPQRSTUVWXYZ1234"
