@@ -17,14 +17,12 @@
 #include "support/log.hpp"
 
 namespace fs = std::filesystem;
+using kolt::test::kLogStamp;
+using kolt::test::log_month;
 using kolt::test::read_file;
 using kolt::test::TempDir;
 
 namespace {
-
-const std::string& kStamp = kolt::test::kLogStamp;
-
-std::string month() { return kolt::test::log_month(); }
 
 // Runs a copy of this test program, placed at exe, with the helper test
 // below selected and KOLT_LOG_HELPER=mode; returns the exit status and
@@ -68,8 +66,8 @@ TEST(ErrorLog, WritesUnderTheExecutablesKTLog) {
     TempDir dir;
     std::string out;
     ASSERT_EQ(run_helper_copy(dir.path() / "bin" / "log_helper", "error_on", out), 0);
-    const auto file = dir.path() / "bin" / "KTLog" / ("koltIccheck" + month() + ".log");
-    EXPECT_TRUE(std::regex_match(read_file(file.string()), std::regex(kStamp + "helper error value=7\n")));
+    const auto file = dir.path() / "bin" / "KTLog" / ("koltIccheck" + log_month() + ".log");
+    EXPECT_TRUE(std::regex_match(read_file(file.string()), std::regex(kLogStamp + "helper error value=7\n")));
 }
 
 TEST(ErrorLog, SwitchOffCreatesNoDirectory) {

@@ -16,14 +16,12 @@
 #include "support/log.hpp"
 
 namespace fs = std::filesystem;
+using kolt::test::kLogStamp;
+using kolt::test::log_month;
 using kolt::test::read_file;
 using kolt::test::TempDir;
 
 namespace {
-
-const std::string& kStamp = kolt::test::kLogStamp;
-
-std::string month() { return kolt::test::log_month(); }
 
 }  // namespace
 
@@ -33,7 +31,7 @@ TEST(DebugLog, EmptyDirectoryMeansTheRoot) {
     // Before a debug directory is set the file name is joined to "" with a
     // "/": the root. (Not written here; the switch stays off.)
     EXPECT_EQ(kolt::log::debug_dir(), "");
-    EXPECT_EQ(kolt::log::file_in(""), "/koltIccheck" + month() + ".log");
+    EXPECT_EQ(kolt::log::file_in(""), "/koltIccheck" + log_month() + ".log");
 }
 
 // ---- the five conversions --------------------------------------------------
@@ -43,7 +41,7 @@ TEST(LogFormat, IntConversion) {
     const auto path = dir.str() + "/t.log";
     int v = 5;
     KOLT_writeLog(path.c_str(), "openCom open flag=%d", &v, 0);
-    EXPECT_TRUE(std::regex_match(read_file(path), std::regex(kStamp + "openCom open flag=5\n")));
+    EXPECT_TRUE(std::regex_match(read_file(path), std::regex(kLogStamp + "openCom open flag=5\n")));
 }
 
 TEST(LogFormat, HexDump) {
@@ -52,7 +50,7 @@ TEST(LogFormat, HexDump) {
     const uint8_t data[] = {0x02, 0x00, 0x0a};
     KOLT_writeLog(path.c_str(), "writeBufAndRead read tmpBuf=%02x", data, 3);
     const std::string text = read_file(path);
-    EXPECT_TRUE(std::regex_match(text, std::regex(kStamp + "writeBufAndRead read tmpBuf=.*\n")));
+    EXPECT_TRUE(std::regex_match(text, std::regex(kLogStamp + "writeBufAndRead read tmpBuf=.*\n")));
     const std::string prefix = "writeBufAndRead read tmpBuf=";
     const auto at = text.find(prefix);
     ASSERT_NE(at, std::string::npos);
@@ -63,7 +61,7 @@ TEST(LogFormat, HexDumpOfNothing) {
     TempDir dir;
     const auto path = dir.str() + "/t.log";
     KOLT_writeLog(path.c_str(), "empty=%02x", nullptr, 0);
-    EXPECT_TRUE(std::regex_match(read_file(path), std::regex(kStamp + "empty=\n")));
+    EXPECT_TRUE(std::regex_match(read_file(path), std::regex(kLogStamp + "empty=\n")));
 }
 
 TEST(LogFormat, PaddedHexInt) {
@@ -73,7 +71,7 @@ TEST(LogFormat, PaddedHexInt) {
     KOLT_writeLog(path.c_str(), "sw=%x", &v, 4);
     v = 0x9000;
     KOLT_writeLog(path.c_str(), "sw=%x", &v, 2);
-    EXPECT_TRUE(std::regex_match(read_file(path), std::regex(kStamp + "sw=001c\n" + kStamp + "sw=9000\n")));
+    EXPECT_TRUE(std::regex_match(read_file(path), std::regex(kLogStamp + "sw=001c\n" + kLogStamp + "sw=9000\n")));
 }
 
 TEST(LogFormat, RawBytes) {
@@ -85,7 +83,7 @@ TEST(LogFormat, RawBytes) {
     const auto at = text.find("raw=");
     ASSERT_NE(at, std::string::npos);
     EXPECT_EQ(text.substr(at + 4), std::string("a\0b\n\n", 5));
-    EXPECT_TRUE(std::regex_search(text, std::regex("^" + kStamp + "raw=")));
+    EXPECT_TRUE(std::regex_search(text, std::regex("^" + kLogStamp + "raw=")));
 }
 
 TEST(LogFormat, TextWithAndWithoutLength) {
@@ -95,14 +93,14 @@ TEST(LogFormat, TextWithAndWithoutLength) {
     KOLT_writeLog(path.c_str(), "name=%s", "abcdef", 0);
     KOLT_writeLog(path.c_str(), "name=%s", "abcdef", -1);
     EXPECT_TRUE(std::regex_match(read_file(path),
-                                 std::regex(kStamp + "name=abc\n" + kStamp + "name=abcdef\n" + kStamp + "name=abcdef\n")));
+                                 std::regex(kLogStamp + "name=abc\n" + kLogStamp + "name=abcdef\n" + kLogStamp + "name=abcdef\n")));
 }
 
 TEST(LogFormat, FormatWithoutPercentLogsTheData) {
     TempDir dir;
     const auto path = dir.str() + "/t.log";
     KOLT_writeLog(path.c_str(), "no conversion here", "payload", 0);
-    EXPECT_TRUE(std::regex_match(read_file(path), std::regex(kStamp + "payload\n")));
+    EXPECT_TRUE(std::regex_match(read_file(path), std::regex(kLogStamp + "payload\n")));
 }
 
 TEST(LogFormat, UnknownConversionWritesNothing) {
@@ -138,7 +136,7 @@ TEST(LogRotation, AboveTenMiBMovesToBak) {
     int v = 1;
     KOLT_writeLog(path.c_str(), "after=%d", &v, 0);
     EXPECT_EQ(fs::file_size(path + ".bak"), 0xA00000u + 1);  // the older .bak is replaced
-    EXPECT_TRUE(std::regex_match(read_file(path), std::regex(kStamp + "after=1\n")));
+    EXPECT_TRUE(std::regex_match(read_file(path), std::regex(kLogStamp + "after=1\n")));
 }
 
 TEST(LogRotation, ExactlyTenMiBIsNotMoved) {
@@ -164,10 +162,10 @@ TEST(DebugLog, WritesIntoTheDebugDirectory) {
     int v = 5;
     KOLT_debugWriteLogLen("openCom open flag=%d", &v, 0);
     kolt::log::debug_text("name=%s", "KOLT");
-    const auto file = logdir + "/koltIccheck" + month() + ".log";
+    const auto file = logdir + "/koltIccheck" + log_month() + ".log";
     EXPECT_TRUE(fs::is_directory(logdir));  // created on the first line
     EXPECT_TRUE(std::regex_match(read_file(file),
-                                 std::regex(kStamp + "openCom open flag=5\n" + kStamp + "name=KOLT\n")));
+                                 std::regex(kLogStamp + "openCom open flag=5\n" + kLogStamp + "name=KOLT\n")));
     EXPECT_EQ(fs::status(logdir).permissions() & fs::perms::owner_all, fs::perms::owner_all);
 }
 
