@@ -346,6 +346,42 @@ KOLT_API int32_t IC_GetTranDeta(const char *portName, int32_t reserved1, int32_t
 KOLT_API int32_t IC_GetTxDetail(int32_t icType, const char *aidList, char *out, int32_t *cardKind); /* on an open link: count byte, length byte, records; 0, 10 read failed, -1, -2, -9, -10 */
 /* ---- KOLT-CARDINFO-END ---- */
 
+/* ---- KOLT-ONLINE-BEGIN (online transaction: ARQC, field 55, issuer authentication, scripts) ---- */
+/*
+ * Transaction data, ICRT encoding: per field a letter, three digits n, n
+ * characters ("P003100" is an amount of 100). J and V are stored as W, K as
+ * 2 (9F37), L as 1 (95). P and Q become "%012d", R "%04d" (and 9F1A when V
+ * is empty). IC encoding: a letter, one binary length byte, the value; read
+ * up to a zero letter (zero the buffer behind the data) or 100 fields; only
+ * V is renamed (to W). Application data blocks of IC_GetInfo_YS use it too.
+ * Field-55 outputs need KOLT_FIELD55_MAX + 1 bytes; the second-cryptogram
+ * output ("%03d" of the text length, then field 55) 3 more; IC_GenARQC_YS's
+ * output 6 more. An ARPC text (the host's response data as hex: 91 with the
+ * ARPC and the two response-code characters, optionally a 71 or 72 script)
+ * is read up to KOLT_ARPC_TEXT_MAX characters, an application data text up
+ * to KOLT_APPDATA_TEXT_MAX. Script results need 18 bytes.
+ */
+#define KOLT_FIELD55_MAX 2720
+#define KOLT_ARPC_TEXT_MAX 4096
+#define KOLT_APPDATA_TEXT_MAX 1024
+
+KOLT_API int32_t KOLT_ParaseTrData_PSBC(const char *trData);                       /* stores ICRT-encoded transaction data into the letter slots; 0, -2 at an unknown letter (fields before it stay) */
+KOLT_API int32_t KOLT_ParaseTrData(const char *trData);                            /* the same for the IC encoding; 0 or -2 */
+KOLT_API int32_t ParaDeal(const char *in, char *out);                              /* appends the ICRT text normalised (P/Q "%012s", R "%04s", blank-padded) to out; out needs strlen(out) + 4 * strlen(in) + 1; 0 */
+KOLT_API int32_t KOLT_Get55Data(const uint8_t *ac, int32_t acLen, const uint8_t *aipAfl, const uint8_t *random, char *out); /* field 55 hex text of a GENERATE AC value (CID, ATC, AC, IAD) and 4 random bytes, from the letter slots (82 from Z; aipAfl unused); returns its length */
+KOLT_API int32_t KOLT_ARPC_GetScritp(const uint8_t *data, int32_t len, uint8_t *script, int32_t *scriptLen, uint8_t *idBlock); /* first script template: 0x71 or 0x72 (script needs len bytes, idBlock 5: 04 and 9F18), or -1 with *scriptLen = -1 */
+KOLT_API int32_t KOLT_ICRT_GetARQC(int32_t termType, int32_t port, int32_t icType, const char *trData, const char *aidText, char *field55, char *appData); /* ARQC; field55 without terminator (zero it first), appData = CDOL2 hex + lock digit; card left powered; 0, 10 locked, -21, -11, init - 10, read - 22, -24 no CDOL1, -25 no AC */
+KOLT_API int32_t ICRT_GetARQC(int32_t termType, int32_t port, int32_t icType, const char *trData, const char *aidText, char *field55, char *appData); /* as KOLT_ICRT_GetARQC */
+KOLT_API int32_t STAR_GetARQC(const char *dataIn, char *out);                      /* "a|port|b|txdata" (txdata goes in as the AID): out = field 55, app data, "|1"; always 0 */
+KOLT_API int32_t IC_GenARQC(const char *portName, int32_t reserved1, int32_t reserved2, int32_t reserved3, int32_t *icType, const char *aidText, const char *trData, int32_t *outLen, char *field55, char *appData); /* icType from 1 in, card kind out; resets the card slot; 0, -3 port, -99 (locked too) */
+KOLT_API int32_t IC_GenARQC_YS(int32_t icType, const char *trData, const char *aidList, char *arqc, int32_t reserved, int32_t *cardKind, char *appData); /* on an open link, IC-encoded data and block; arqc = hex of "%03d" byte count + field 55; block rebuilt (AJZ34); 0, -1, -9, -10, -3 */
+KOLT_API int32_t KOLT_ICRT_ARPCExeScript(int32_t termType, int32_t port, int32_t icType, const char *trData, const char *arpc, const char *appData, char *scriptResult, char *secondAc); /* issuer auth, TC/AAC, script, power-off; scriptResult "DF3105" state index id; 0, -21, -26, -27, -28, -29 */
+KOLT_API int32_t ICRT_ARPCExeScript(int32_t termType, int32_t port, int32_t icType, const char *trData, const char *arpc, const char *appData, char *scriptResult, char *secondAc); /* as KOLT_ICRT_ARPCExeScript */
+KOLT_API int32_t IC_CtlScriptData(const char *portName, int32_t reserved1, int32_t reserved2, int32_t reserved3, int32_t *icType, const char *trData, const char *arpc, int32_t *outLen, char *secondAc, char *scriptResult, const char *appData); /* icType from 1 in, card kind out; 0, -3, -15, -11, -25, -31, -30, -99 */
+KOLT_API int32_t STAR_ARPC_ExeICScrip(const char *dataIn, char *out);              /* "a|port|b|arpc|x" with the CDOL2 of STAR_GetARQC: out = script result "|" second cryptogram; always 0 */
+KOLT_API int32_t IC_ARPC_ExeICScript(int32_t icType, const char *trData, const char *arpc, int32_t forceAac, char *secondAc, char *scriptResult, const char *appData); /* on an open link, IC-encoded data and block; forceAac asks AAC; 0, -2 auth or AC failed, -4 no tag 91 (only the power-off is sent), -10 GET DATA or script */
+/* ---- KOLT-ONLINE-END ---- */
+
 #ifdef __cplusplus
 }
 #endif

@@ -14,6 +14,7 @@
 #include "emv/app_select.hpp"
 #include "emv/record_walk.hpp"
 #include "emv/tags.hpp"
+#include "emv/tr_data.hpp"
 #include "kolt/kolt.h"
 #include "link/deadline.hpp"
 #include "link/port.hpp"
@@ -95,33 +96,6 @@ std::string ys_format(std::string_view letters) {
     return out;
 }
 
-namespace {
-
-// The application data block: letter, length byte, value for each non-empty
-// slot of "AJZ34Y".
-std::string app_data_block() {
-    std::string block;
-    for (char c : kAppDataLetters) {
-        const auto value = slot_text(letter_index(c));
-        if (value.empty()) continue;
-        block += c;
-        block += static_cast<char>(value.size());
-        block += value;
-    }
-    return block;
-}
-
-void log_slots() {
-    for (int i = 0; i < kTagCount; ++i) {
-        log::debug_int("IC_GetInfo apduTagList i =%d", i);
-        const int tag = static_cast<int>(apduTagList[i]);
-        log::debug("IC_GetInfo apduTagList value =%x", &tag, 4);
-        log::debug_int("IC_GetInfo tagListValue value Lenth=%d", static_cast<int>(slot_value(i).size()));
-        log::debug_hex("IC_GetInfo tagListValue value=%02x", slot_value(i));
-    }
-}
-
-}  // namespace
 
 // ---------------------------------------------------------------------------
 
@@ -221,11 +195,11 @@ FlowResult ys_read(const AppInit& app, std::string_view letters, std::string_vie
     out.card_kind = card_kind_of_slot(state().slot());
     log::debug_int("IC_GetInfo icflag=%d", *out.card_kind);
 
-    out.app_data = app_data_block();
+    out.app_data = encode_ic(kAppDataLetters);
     std::array<uint8_t, 128> head{};
     std::memcpy(head.data(), out.app_data->data(), std::min(out.app_data->size(), head.size()));
     log::debug_hex("IC_GetInfo lpicappdata=%02x", head);
-    log_slots();
+    FlowTrace("IC_GetInfo", Family::ic).slots();
     return out;
 }
 

@@ -26,6 +26,20 @@ inline constexpr std::string_view kNoLogEntry =
 // 获取交易记录格式错误
 inline constexpr std::string_view kLogFormatError =
     "\xBB\xF1\xC8\xA1\xBD\xBB\xD2\xD7\xBC\xC7\xC2\xBC\xB8\xF1\xCA\xBD\xB4\xED\xCE\xF3";
+// 初始换端口错误: the cryptogram call's own spelling, one character off
+// the issuer-authentication call's; teller applications compare both.
+inline constexpr std::string_view kPortInitErrorArqc =
+    "\xB3\xF5\xCA\xBC\xBB\xBB\xB6\xCB\xBF\xDA\xB4\xED\xCE\xF3";
+// 初始化端口错误
+inline constexpr std::string_view kPortInitError = "\xB3\xF5\xCA\xBC\xBB\xAF\xB6\xCB\xBF\xDA\xB4\xED\xCE\xF3";
+// 生成ARQC错误
+inline constexpr std::string_view kArqcError = "\xC9\xFA\xB3\xC9\x41\x52\x51\x43\xB4\xED\xCE\xF3";
+// 外部认证错误
+inline constexpr std::string_view kExternalAuthError = "\xCD\xE2\xB2\xBF\xC8\xCF\xD6\xA4\xB4\xED\xCE\xF3";
+// 生成密文错误
+inline constexpr std::string_view kCryptogramError = "\xC9\xFA\xB3\xC9\xC3\xDC\xCE\xC4\xB4\xED\xCE\xF3";
+// 生成ATC错误
+inline constexpr std::string_view kAtcError = "\xC9\xFA\xB3\xC9\x41\x54\x43\xB4\xED\xCE\xF3";
 }  // namespace gbk
 
 }  // namespace kolt::emv

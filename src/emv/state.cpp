@@ -99,8 +99,36 @@ void WorkingState::reset() {
     aip_afl.fill(0);
     cdol1.fill(0);
     cdol2.fill(0);
+    cdol1_len = 0;
+    cdol2_len = 0;
     ac_format80.fill(0);
     set_slot(0);
+}
+
+namespace {
+std::size_t fill_buffer(std::array<uint8_t, kCardBufferRoom>& buffer, std::span<const uint8_t> bytes) {
+    buffer.fill(0);
+    const std::size_t n = std::min(bytes.size(), buffer.size());
+    std::copy_n(bytes.begin(), n, buffer.begin());
+    return n;
+}
+}  // namespace
+
+void WorkingState::set_cdol1(std::span<const uint8_t> dol) { cdol1_len = fill_buffer(cdol1, dol); }
+void WorkingState::set_cdol2(std::span<const uint8_t> dol) { cdol2_len = fill_buffer(cdol2, dol); }
+
+void WorkingState::set_ac_format80(std::span<const uint8_t> value) {
+    ac_format80.fill(0);
+    const std::size_t n = std::min<std::size_t>(value.size(), kCardBufferRoom - 1);
+    ac_format80[0] = static_cast<uint8_t>(n);
+    std::copy_n(value.begin(), n, ac_format80.begin() + 1);
+}
+
+void WorkingState::set_aip(std::span<const uint8_t, 2> aip) {
+    aip_afl.fill(0);
+    aip_afl[0] = 2;
+    aip_afl[1] = aip[0];
+    aip_afl[2] = aip[1];
 }
 
 void init_tag_list_value() {

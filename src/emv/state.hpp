@@ -35,8 +35,23 @@ public:
     std::array<uint8_t, kAipBufferRoom> aip_afl{};       // gAIPAFLBuf: byte 0 the length (2), then the AIP
     std::array<uint8_t, kCardBufferRoom> cdol1{};        // CDOL1Buf: the raw CDOL1
     std::array<uint8_t, kCardBufferRoom> cdol2{};        // CDOL2Buf: the raw CDOL2
+    std::size_t cdol1_len = 0;                           // bytes of CDOL1Buf in use
+    std::size_t cdol2_len = 0;                           // bytes of CDOL2Buf in use
     std::array<uint8_t, kCardBufferRoom> ac_format80{};  // gACFormt80: byte 0 the length of the first
                                                          // GENERATE AC's format-1 value, the value after it
+
+    std::span<const uint8_t> cdol1_bytes() const { return std::span<const uint8_t>(cdol1).first(cdol1_len); }
+    std::span<const uint8_t> cdol2_bytes() const { return std::span<const uint8_t>(cdol2).first(cdol2_len); }
+    // Replace a CDOL buffer's content (cut to its room; the rest zeroed).
+    void set_cdol1(std::span<const uint8_t> dol);
+    void set_cdol2(std::span<const uint8_t> dol);
+    // The AC answer kept in gACFormt80 (length byte, value cut to 255).
+    void set_ac_format80(std::span<const uint8_t> value);
+    std::span<const uint8_t> ac_format80_value() const {
+        return std::span<const uint8_t>(ac_format80).subspan(1, ac_format80[0]);
+    }
+    // gAIPAFLBuf: cleared, byte 0 = 2, then the AIP.
+    void set_aip(std::span<const uint8_t, 2> aip);
 
     // Card slot of the current card: 0x00 contact, 0xFF contactless (power-on
     // writes the slot that answered).

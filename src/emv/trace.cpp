@@ -1,5 +1,7 @@
 #include "emv/trace.hpp"
 
+#include "emv/state.hpp"
+#include "emv/tags.hpp"
 #include "support/log.hpp"
 
 namespace kolt::emv {
@@ -40,6 +42,24 @@ void FlowTrace::error_text(std::string_view rest, std::string_view text) const {
 }
 
 void FlowTrace::error_int(std::string_view rest, int value) const { log::error_int(format(rest).c_str(), value); }
+
+void FlowTrace::debug_hex(std::string_view rest, std::span<const uint8_t> bytes) const {
+    log::debug_hex(format(rest).c_str(), bytes);
+}
+
+void FlowTrace::error_hex(std::string_view rest, std::span<const uint8_t> bytes) const {
+    log::error(format(rest).c_str(), bytes.data(), static_cast<int>(bytes.size()));
+}
+
+void FlowTrace::slots() const {
+    for (int i = 0; i < kTagCount; ++i) {
+        debug_int("apduTagList i =%d", i);
+        const int tag = static_cast<int>(apduTagList[i]);
+        log::debug(format("apduTagList value =%x").c_str(), &tag, 4);
+        debug_int("tagListValue value Lenth=%d", static_cast<int>(slot_value(i).size()));
+        debug_hex("tagListValue value=%02x", slot_value(i));
+    }
+}
 
 // ---------------------------------------------------------------------------
 

@@ -32,6 +32,10 @@ public:
     void debug_int(std::string_view rest, int value) const;
     void error_text(std::string_view rest, std::string_view text) const;
     void error_int(std::string_view rest, int value) const;
+    void debug_hex(std::string_view rest, std::span<const uint8_t> bytes) const;
+    void error_hex(std::string_view rest, std::span<const uint8_t> bytes) const;
+    // The 30 letter slots, four lines each ("<entry> apduTagList i =%d" ...).
+    void slots() const;
 
     // The AFL record walk.
     void walk_entry(int index) const;

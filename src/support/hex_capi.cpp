@@ -6,6 +6,7 @@
 
 #include "kolt/kolt.h"
 #include "support/hex.hpp"
+#include "support/text.hpp"
 
 namespace ks = kolt::support;
 
@@ -93,8 +94,7 @@ KOLT_API int32_t byteBuf2BCDBuf(const char* digits, int32_t n, uint8_t* out, int
 
 KOLT_API int32_t KOLT_atoiLen(const char* text, int32_t n) {
     if (text == nullptr || n <= 0) return 0;
-    const std::string copy(text, ::strnlen(text, static_cast<size_t>(n)));
-    return std::atoi(copy.c_str());
+    return kolt::support::atoi_value(std::string_view(text, ::strnlen(text, static_cast<size_t>(n))));
 }
 
 KOLT_API char* KOLT_itoa(uint64_t value, char* out, int32_t base) {

@@ -1,6 +1,8 @@
 #include "support/text.hpp"
 
 #include <algorithm>
+#include <cstdlib>
+#include <string>
 
 namespace kolt::support {
 
@@ -46,6 +48,11 @@ SubField sub_field(std::string_view text, char separator, int32_t k) {
     const size_t sep = separator == 0 ? std::string_view::npos : text.find(separator, start);
     if (sep == std::string_view::npos) return {text.substr(start), 0};
     return {text.substr(start, sep - start), static_cast<int32_t>(start)};
+}
+
+int32_t atoi_value(std::string_view text) {
+    const std::string copy(text.substr(0, text.find('\0')));
+    return static_cast<int32_t>(std::strtol(copy.c_str(), nullptr, 10));
 }
 
 }  // namespace kolt::support

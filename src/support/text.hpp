@@ -28,4 +28,9 @@ struct SubField {
 };
 SubField sub_field(std::string_view text, char separator, int32_t k);
 
+// The decimal value of a text as atoi reads it (leading blanks, a sign,
+// digits up to the first other character or a zero byte), wrapped to 32
+// bits as the C library does; 0 when there is no number.
+int32_t atoi_value(std::string_view text);
+
 }  // namespace kolt::support
