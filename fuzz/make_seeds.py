@@ -407,6 +407,30 @@ for text in ("9F1A", "ABC"):
 add("hex_helpers", b"\x0a" + b"156")
 
 # ---------------------------------------------------------------------------
+# Transaction data (tests/online_codec_test.cpp, tests/online_*_test.cpp):
+# a GENERATE AC value for field 55, then the data.
+AC_VALUE = hx("80 001C 1122334455667788 07010103A0A000")
+for text in ("P003100", "Q0017R003156", "J004SHOPK0041234L00500000", "V004BANK", "S00820240131T00200U006101530",
+             "T00231#002xxS006240131", "T00201" * 101, "W010ABC", "W0", "W300" + "M" * 300,
+             "P012000000000100Q012000000000000R0040156S00820261122T00200A019629999000000123456" + "0",
+             "P003100R0011A003abcZ0027C", "Q0131234567890123", "T00231T0", "P-05100", "P003   "):
+    add("tr_data_icrt", short(AC_VALUE) + text.encode())
+    add("tr_data_icrt", short(b"") + text.encode())
+def icf(letter, value):
+    return letter.encode() + bytes([len(value)]) + value
+for block in (icf("P", b"100") + icf("J", b"01") + icf("V", b"SHOP") + icf("S", b"240131"),
+              icf("3", hx("9F0206 9F0306 9F1A02 9505 5F2A02 9A03 9C01 9F3704")) + icf("A", b"123"),
+              icf("T", b"31") + icf("#", b"x") + icf("S", b"240131"),
+              icf("A", b"6299990000001234560") + icf("J", b"01") + icf("Z", b"7C00") + icf("Y", b"0201"),
+              b"A\xff" + b"9" * 10, b"Z"):
+    add("tr_data_ic", short(AC_VALUE) + block)
+for resp in ("910A11223344556677883030", "910A1122334455667788303071129F180400000001860984180000" + "04AABBCCDD",
+             "910A11223344556677883030720F86098418000004AABBCCDD9F180107", "7206860400000000710686041111111",
+             "910A1122334455667788303072" + "19" + "860D04DA9F770A000000100000AABBCCDD" + "9F180400000002",
+             "71", "7281", "9F1804", ""):
+    add("arpc_script", bytes.fromhex(resp if len(resp) % 2 == 0 else resp + "0"))
+
+# ---------------------------------------------------------------------------
 # Seeds that show a library defect not fixed yet stay out of the corpus (the
 # test suite replays the corpus); their inputs are kept in fuzz/pending/.
 # An entry goes when the fix is in.
