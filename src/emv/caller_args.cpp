@@ -44,9 +44,10 @@ void log_star_return(std::string_view name, const std::optional<std::string>& te
 }
 
 void set_port_name(std::string_view name) {
+    // Copied first: a caller may hand gPortName itself in.
+    const std::string copy(name.substr(0, kPortNameMax));
     std::memset(gPortName, 0, sizeof gPortName);
-    name = name.substr(0, kPortNameMax);
-    if (!name.empty()) std::memcpy(gPortName, name.data(), name.size());
+    std::memcpy(gPortName, copy.data(), copy.size());
 }
 
 int32_t do_ic_type(int32_t ic_type, int32_t* flag) {
