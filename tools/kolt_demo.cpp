@@ -3,18 +3,26 @@
 // and prints the answer for a human.
 //
 //   kolt-demo --port pts/3 [--letters ABEIJ] [--ic-type 0] [--port-no 1] [--log]
+//             [--online ISSUER [--issuer-args "..."] [--amount 12345]]
 //   kolt-demo --port-file /tmp/sim.port ...
 //
 // --port names the device below /dev/ (it goes into gPortName); --port-file
 // reads that name from a file (waiting up to 10 s for it to appear). The card
 // information comes from ICRT_GetICCInfo with terminal type 0 (local serial
 // port); --log also reads the transaction log through ICRT_GetTrDetail.
-// Exit status 0 only when every requested read succeeded.
+// --online runs an online purchase after it: ICRT_GetARQC, the host's
+// answer from the issuer program ISSUER (given field 55 as its last
+// argument, it prints the response data: tag 91 and any script), then
+// ICRT_ARPCExeScript, and reads the card information again.
+// Exit status 0 only when every requested step succeeded (for --online: the
+// card approved with a TC).
 #include <kolt/kolt.h>
 
 #include <iconv.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -109,7 +117,7 @@ std::string read_port_file(const std::string& path) {
 void usage() {
     std::fprintf(stderr,
                  "usage: kolt-demo (--port NAME | --port-file FILE) [--letters ABEIJ] "
-                 "[--ic-type 0] [--port-no 1] [--log]\n");
+                 "[--ic-type 0] [--port-no 1] [--log] [--online ISSUER [--issuer-args ARGS] [--amount N]]\n");
 }
 
 struct Args {
@@ -118,6 +126,9 @@ struct Args {
     int ic_type = 0;  // contact
     int port_no = 1;
     bool with_log = false;
+    std::string issuer;       // --online: the issuer program
+    std::string issuer_args;  // its options
+    long long amount = 12345; // minor units
 };
 
 // Reads the command line; false (after the usage text) when it is wrong.
@@ -137,6 +148,9 @@ bool parse_args(int argc, char** argv, Args& a) {
         else if (arg == "--ic-type") a.ic_type = std::atoi(next().c_str());
         else if (arg == "--port-no") a.port_no = std::atoi(next().c_str());
         else if (arg == "--log") a.with_log = true;
+        else if (arg == "--online") a.issuer = next();
+        else if (arg == "--issuer-args") a.issuer_args = next();
+        else if (arg == "--amount") a.amount = std::atoll(next().c_str());
         else {
             usage();
             return false;
@@ -249,6 +263,150 @@ bool print_transaction_log(const Args& a) {
     return true;
 }
 
+
+// ---------------------------------------------------------------------------
+// Online purchase.
+
+const char* tag_name(const std::string& tag) {
+    static const struct {
+        const char* tag;
+        const char* name;
+    } names[] = {
+        {"9F26", "application cryptogram"}, {"9F27", "cryptogram information"}, {"9F10", "issuer application data"},
+        {"9F37", "unpredictable number"},   {"9F36", "transaction counter"},   {"95", "terminal verification results"},
+        {"9F13", "last online ATC"},        {"9A", "date"},                     {"9C", "transaction type"},
+        {"9F02", "amount"},                 {"5F2A", "currency"},               {"5A", "account number"},
+        {"5F34", "PAN sequence number"},    {"82", "interchange profile"},      {"9F1A", "country"},
+        {"9F03", "other amount"},           {"9F33", "terminal capabilities"},  {"91", "issuer authentication data"},
+        {"71", "issuer script (before the final cryptogram)"}, {"72", "issuer script"},
+    };
+    for (const auto& n : names)
+        if (tag == n.tag) return n.name;
+    return "";
+}
+
+// A flat run of TLVs in hex text with one-byte lengths (field 55 and the
+// host's answer); false when it does not split.
+struct Tlv {
+    std::string tag, value;
+};
+bool split_tlvs(const std::string& hex, std::vector<Tlv>& out) {
+    size_t pos = 0;
+    auto byte_at = [&](size_t p) { return static_cast<unsigned>(std::stoul(hex.substr(p, 2), nullptr, 16)); };
+    try {
+        while (pos + 4 <= hex.size()) {
+            const size_t tag_len = (byte_at(pos) & 0x1F) == 0x1F ? 4 : 2;
+            Tlv t;
+            t.tag = hex.substr(pos, tag_len);
+            pos += tag_len;
+            size_t len = byte_at(pos);
+            pos += 2;
+            if (len == 0x81) {
+                len = byte_at(pos);
+                pos += 2;
+            }
+            if (pos + 2 * len > hex.size()) return false;
+            t.value = hex.substr(pos, 2 * len);
+            pos += 2 * len;
+            out.push_back(t);
+        }
+    } catch (const std::exception&) {
+        return false;
+    }
+    return pos == hex.size();
+}
+
+void print_tlvs(const std::string& hex) {
+    std::vector<Tlv> items;
+    if (!split_tlvs(hex, items)) {
+        std::printf("   %s\n", hex.c_str());
+        return;
+    }
+    for (const Tlv& t : items) std::printf("   %-5s %-32s %s\n", t.tag.c_str(), tag_name(t.tag), t.value.c_str());
+}
+
+std::string cid_text(const std::string& field55) {
+    std::vector<Tlv> items;
+    if (!split_tlvs(field55, items)) return "?";
+    for (const Tlv& t : items) {
+        if (t.tag != "9F27" || t.value.size() != 2) continue;
+        const unsigned cid = static_cast<unsigned>(std::stoul(t.value, nullptr, 16)) & 0xC0;
+        return cid == 0x40 ? "TC" : cid == 0x80 ? "ARQC" : cid == 0x00 ? "AAC" : "AAR";
+    }
+    return "?";
+}
+
+// The issuer program's answer to field 55 (its first line of output).
+std::string ask_issuer(const Args& a, const std::string& field55) {
+    const std::string command = a.issuer + " " + a.issuer_args + " " + field55;
+    std::FILE* p = ::popen(command.c_str(), "r");
+    if (p == nullptr) return {};
+    char line[8192] = {0};
+    const bool got = std::fgets(line, sizeof line, p) != nullptr;
+    const int status = ::pclose(p);
+    std::string answer = got ? line : "";
+    while (!answer.empty() && (answer.back() == '\n' || answer.back() == '\r')) answer.pop_back();
+    std::printf("   issuer program exit status %d\n", WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+    return answer;
+}
+
+bool run_online(const Args& a) {
+    // Transaction data, ICRT encoding: amount, other amount, currency, date,
+    // type (00 goods and services), time.
+    char now[32] = {0};
+    GetSysDate(now);
+    const std::string amount = std::to_string(a.amount);
+    char tr[160];
+    std::snprintf(tr, sizeof tr, "P%03zu%sQ0010R0040156S008%.8sT00200U006%.6s", amount.size(), amount.c_str(), now,
+                  now + 8);
+    std::printf("== online purchase of %s (currency 0156), transaction data %s\n", money_of(std::string(12 - std::min<size_t>(12, amount.size()), '0') + amount).c_str(), tr);
+
+    std::vector<char> field55(KOLT_FIELD55_MAX + 1, 0);
+    std::vector<char> app(KOLT_APPDATA_TEXT_MAX, 0);
+    const int32_t rc = ICRT_GetARQC(0, a.port_no, a.ic_type, tr, "", field55.data(), app.data());
+    const std::string f55(field55.data());
+    std::printf("== ICRT_GetARQC = %d (card left powered for the host's answer)\n", rc);
+    if (rc != 0 && rc != 10) {
+        std::printf("   output: %s\n", gbk_to_utf8(f55).c_str());
+        return false;
+    }
+    std::printf("   field 55 (%zu bytes), cryptogram %s:\n", f55.size() / 2, cid_text(f55).c_str());
+    print_tlvs(f55);
+    std::printf("   application data (CDOL2, lock digit): %s\n", app.data());
+
+    std::printf("== host: %s %s <field 55>\n", a.issuer.c_str(), a.issuer_args.c_str());
+    std::fflush(stdout);
+    const std::string answer = ask_issuer(a, f55);
+    if (answer.empty()) {
+        std::printf("   no answer from the issuer\n");
+        return false;
+    }
+    std::printf("   response data:\n");
+    print_tlvs(answer);
+
+    std::vector<char> result(64, 0);
+    std::vector<char> second(KOLT_FIELD55_MAX + 8, 0);
+    const int32_t arc = ICRT_ARPCExeScript(0, a.port_no, a.ic_type, tr, answer.c_str(), app.data(), result.data(),
+                                           second.data());
+    const std::string script_result(result.data());
+    const std::string second_text(second.data());
+    std::printf("== ICRT_ARPCExeScript = %d (card powered off)\n", arc);
+    if (script_result.size() >= 16 && script_result.rfind("DF3105", 0) == 0) {
+        const char state = script_result[6];
+        std::printf("   issuer script result %s: %s, %s command(s), script id %s\n", script_result.c_str(),
+                    state == '2' ? "executed" : state == '1' ? "not executed or failed" : "no script step",
+                    script_result.substr(7, script_result.size() - 15).c_str(),
+                    script_result.substr(script_result.size() - 6).c_str());
+    } else {
+        std::printf("   output: %s\n", gbk_to_utf8(script_result).c_str());
+    }
+    const std::string final55 = second_text.size() > 3 ? second_text.substr(3) : "";
+    const std::string cid = cid_text(final55);
+    std::printf("   final cryptogram %s, field 55 (%zu bytes):\n", cid.c_str(), final55.size() / 2);
+    print_tlvs(final55);
+    return arc == 0 && cid == "TC";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -261,6 +419,11 @@ int main(int argc, char** argv) {
 
     bool ok = print_card_info(a);
     if (a.with_log && !print_transaction_log(a)) ok = false;
+    if (ok && !a.issuer.empty()) {
+        ok = run_online(a);
+        std::printf("== the card after the transaction\n");
+        if (!print_card_info(a)) ok = false;
+    }
 
     std::printf("== %s\n", ok ? "card read successfully" : "FAILED");
     return ok ? 0 : 1;
