@@ -101,8 +101,22 @@ std::string arpc(const Ac& arqc, const std::string& pan, const std::string& arc 
 
 // ---------------------------------------------------------------------------
 
+TEST(SimCardCrypto, OnlineCardsLoadAndAreDocumented) {
+    const std::string readme = kolt::test::read_file((cards_dir() / "README.md").string());
+    int n = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(cards_dir() / "online")) {
+        if (entry.path().extension() != ".json") continue;
+        ++n;
+        auto card = ProfileCard::load_file(entry.path().string());
+        EXPECT_EQ(card->name(), entry.path().stem().string());
+        EXPECT_NE(readme.find("online/" + entry.path().filename().string()), std::string::npos) << entry.path();
+        EXPECT_EQ(ProfileCard::shipped("online/" + card->name())->name(), card->name());
+    }
+    EXPECT_EQ(n, 2);
+}
+
 TEST(SimCardCrypto, ArqcIsTheMacOfTheTransactionData) {
-    auto card = load("online_debit");
+    auto card = load("online/online_debit");
     card->power_on();
     start(*card, kSelectOnline);
     const Terminal t;
@@ -115,7 +129,7 @@ TEST(SimCardCrypto, ArqcIsTheMacOfTheTransactionData) {
 
 TEST(SimCardCrypto, CryptogramDependsOnEveryElement) {
     auto ac_for = [](const Terminal& t) {
-        auto card = load("online_debit");
+        auto card = load("online/online_debit");
         card->power_on();
         start(*card, kSelectOnline);
         return generate_ac(*card, "80", t.cdol1()).ac;
@@ -135,7 +149,7 @@ TEST(SimCardCrypto, CryptogramDependsOnEveryElement) {
 }
 
 TEST(SimCardCrypto, TcOfTheSecondGenerateAcUsesCdol2AndTheSameAtc) {
-    auto card = load("online_debit");
+    auto card = load("online/online_debit");
     card->power_on();
     start(*card, kSelectOnline);
     const Terminal t;
@@ -148,7 +162,7 @@ TEST(SimCardCrypto, TcOfTheSecondGenerateAcUsesCdol2AndTheSameAtc) {
 }
 
 TEST(SimCardCrypto, AtcGrowsWithEveryTransaction) {
-    auto card = load("online_debit");
+    auto card = load("online/online_debit");
     card->power_on();
     EXPECT_EQ(tx(*card, "80 CA 9F 36 00"), "9F3602001C9000");
     const Terminal t;
@@ -167,7 +181,7 @@ TEST(SimCardCrypto, AtcGrowsWithEveryTransaction) {
 }
 
 TEST(SimCardCrypto, ExternalAuthenticateChecksTheArpc) {
-    auto card = load("online_debit");
+    auto card = load("online/online_debit");
     card->power_on();
     start(*card, kSelectOnline);
     const Ac arqc = generate_ac(*card, "80", Terminal{}.cdol1());
@@ -188,7 +202,7 @@ TEST(SimCardCrypto, ExternalAuthenticateChecksTheArpc) {
 }
 
 TEST(SimCardCrypto, ExternalAuthenticateOnlyAfterAnArqc) {
-    auto card = load("online_debit");
+    auto card = load("online/online_debit");
     card->power_on();
     start(*card, kSelectOnline);
     EXPECT_EQ(tx(*card, "00 82 00 00 0A 1122334455667788 3030"), "6985");
@@ -198,7 +212,7 @@ TEST(SimCardCrypto, ExternalAuthenticateOnlyAfterAnArqc) {
 }
 
 TEST(SimCardCrypto, OverridesRefuseTheOnlineCommands) {
-    auto card = load("online_debit");
+    auto card = load("online/online_debit");
     card->power_on();
     start(*card, kSelectOnline);
     card->override_sw(0x82, 0x6985);
@@ -219,7 +233,7 @@ TEST(SimCardCrypto, OverridesRefuseTheOnlineCommands) {
 }
 
 TEST(SimCardCrypto, LockedApplicationGoesOnlineAndAScriptUnblocksIt) {
-    auto card = load("online_locked");
+    auto card = load("online/online_locked");
     card->power_on();
     start(*card, kSelectLocked);
     const Terminal t;
@@ -237,7 +251,7 @@ TEST(SimCardCrypto, LockedApplicationGoesOnlineAndAScriptUnblocksIt) {
 }
 
 TEST(SimCardCrypto, WrongScriptMacChangesNothing) {
-    auto card = load("online_locked");
+    auto card = load("online/online_locked");
     card->power_on();
     start(*card, kSelectLocked);
     EXPECT_EQ(tx(*card, "84 18 00 00 04 11223344"), "6988");  // no ARQC yet
@@ -260,7 +274,7 @@ TEST(SimCardCrypto, WrongScriptMacChangesNothing) {
 }
 
 TEST(SimCardCrypto, PutDataChangesGetData) {
-    auto card = load("online_debit");
+    auto card = load("online/online_debit");
     card->power_on();
     start(*card, kSelectOnline);
     const Ac arqc = generate_ac(*card, "80", Terminal{}.cdol1());
@@ -273,7 +287,7 @@ TEST(SimCardCrypto, PutDataChangesGetData) {
 }
 
 TEST(SimCardCrypto, BlockScriptsWithAGoodMac) {
-    auto card = load("online_debit");
+    auto card = load("online/online_debit");
     card->power_on();
     start(*card, kSelectOnline);
     const Ac arqc = generate_ac(*card, "80", Terminal{}.cdol1());
