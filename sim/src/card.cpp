@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include "card_profile.hpp"
+#include "kolt_sim/emv_crypto.hpp"
 
 namespace kolt::sim {
 
@@ -35,6 +36,8 @@ constexpr uint16_t kSwDataNotFound = 0x6A88;
 constexpr uint16_t kSwInsNotSupported = 0x6D00;
 constexpr uint16_t kSwClaNotSupported = 0x6E00;
 constexpr uint16_t kSwNoDiagnosis = 0x6F00;
+constexpr uint16_t kSwWrongCryptogram = 0x6300;
+constexpr uint16_t kSwBadSecureMessaging = 0x6988;
 
 Bytes sw_only(uint16_t sw) { return {static_cast<uint8_t>(sw >> 8), static_cast<uint8_t>(sw)}; }
 
@@ -88,21 +91,64 @@ Bytes data_answer(const Command& c, std::span<const uint8_t> data, uint16_t sw =
     return returns_data(sw) ? with_sw(data, sw) : sw_only(sw);
 }
 
-// A cryptogram that looks like one: FNV-1a over what the card was given.
-Bytes derived_cryptogram(uint8_t type, std::span<const uint8_t> atc, std::span<const uint8_t> input,
-                         std::span<const uint8_t> aid) {
-    uint64_t h = 0xCBF29CE484222325ULL;
-    auto mix = [&h](uint8_t b) {
-        h ^= b;
-        h *= 0x100000001B3ULL;
-    };
-    mix(type);
-    for (uint8_t b : atc) mix(b);
-    for (uint8_t b : input) mix(b);
-    for (uint8_t b : aid) mix(b);
-    Bytes out(8);
-    for (int i = 0; i < 8; ++i) out[static_cast<size_t>(i)] = static_cast<uint8_t>(h >> (56 - 8 * i));
-    return out;
+// The AIP of a GET PROCESSING OPTIONS answer (format 1 or 2), 0000 when
+// there is none.
+Bytes aip_of(const AppProfile& app) {
+    if (auto v = ber::find(app.gpo_response, 0x82)) return crypto::fit_value(*v, 2);
+    if (auto items = ber::parse(app.gpo_response);
+        items && items->size() == 1 && (*items)[0].tag == 0x80 && (*items)[0].value.size() >= 2)
+        return Bytes((*items)[0].value.begin(), (*items)[0].value.begin() + 2);
+    return Bytes(2, 0x00);
+}
+
+// One element of the terminal's data, cut out of GENERATE AC data by the
+// CDOL that laid it out. An element the CDOL does not list (or data that
+// ends early) gives zeros.
+Bytes dol_element(const std::optional<Bytes>& dol, std::span<const uint8_t> data, uint32_t tag, size_t length) {
+    const auto entries = dol ? ber::parse_dol(*dol) : std::nullopt;
+    if (!entries) return Bytes(length, 0x00);
+    size_t offset = 0;
+    for (const ber::DolEntry& e : *entries) {
+        if (e.tag == tag) {
+            Bytes v(e.length, 0x00);
+            for (size_t i = 0; i < e.length && offset + i < data.size(); ++i) v[i] = data[offset + i];
+            return crypto::fit_value(v, length);
+        }
+        offset += e.length;
+    }
+    return Bytes(length, 0x00);
+}
+
+// The card's own master keys, derived from the issuer's with its PAN (5A
+// of its records, F padding stripped; PAN 0 when it has none) and PAN
+// sequence number (5F34; 00 when it has none).
+struct IccKeys {
+    Bytes ac;   // application cryptogram
+    Bytes smi;  // script integrity
+};
+
+IccKeys derive_icc_keys(const AppProfile& app, const card_detail::IssuerMasterKeys& issuer) {
+    std::string pan = "0";
+    std::string psn = "00";
+    for (const auto& [key, bytes] : app.records) {
+        if (auto v = ber::find(bytes, 0x5A); v && pan == "0") {
+            try {
+                const std::string digits = crypto::unpack_digits(*v);
+                if (!digits.empty()) pan = digits;
+            } catch (const std::invalid_argument&) {
+            }
+        }
+        if (auto v = ber::find(bytes, 0x5F34); v && v->size() == 1 && psn == "00") {
+            try {
+                psn = crypto::unpack_digits(*v);
+                if (psn.size() == 1) psn.insert(0, "0");
+                if (psn.size() != 2) psn = "00";
+            } catch (const std::invalid_argument&) {
+            }
+        }
+    }
+    return IccKeys{crypto::derive_icc_master_key(issuer.ac, pan, psn),
+                   crypto::derive_icc_master_key(issuer.smi, pan, psn)};
 }
 
 struct Rule {
@@ -150,6 +196,8 @@ struct ProfileCard::Impl {
     explicit Impl(CardProfile p) : profile(std::move(p)) {
         for (const ResponseOverride& o : profile.overrides) profile_rules.push_back(Rule{o});
         for (const AppProfile& app : profile.apps) {
+            icc_keys.push_back(derive_icc_keys(app, app.issuer_keys ? *app.issuer_keys : profile.issuer_keys));
+            atc_unused.push_back(true);
             std::set<uint8_t> sfis;
             for (const auto& [key, bytes] : app.records) sfis.insert(key.first);
             if (app.log) sfis.insert(app.log->sfi);
@@ -181,11 +229,67 @@ struct ProfileCard::Impl {
     bool gpo_done = false;
     AcState ac_state = AcState::None;
 
+    // Per application: its own master keys, and whether its ATC (GET DATA
+    // 9F36) still holds a value no transaction has taken.
+    std::vector<IccKeys> icc_keys;
+    std::vector<bool> atc_unused;
+
+    // The ARQC of this card session (kept until power-off or power-on) and
+    // the keys the issuer's answer to it is checked with.
+    struct Online {
+        size_t app = 0;
+        Bytes atc, arqc;
+        Bytes ac_key;   // session key of the cryptogram and the ARPC
+        Bytes smi_key;  // session key of the script MACs
+    };
+    std::optional<Online> online;
+    bool issuer_authenticated = false;
+
     void reset_session() {
         selected = Selected::None;
         app_index = 0;
         gpo_done = false;
         ac_state = AcState::None;
+    }
+
+    void reset_power() {
+        reset_session();
+        online.reset();
+        issuer_authenticated = false;
+    }
+
+    // A card that computes its cryptograms checks the issuer's ARPC and
+    // script MACs; one whose profile fixes the cryptogram has no keys and
+    // takes whatever the issuer sends.
+    static bool keyed(const AppProfile& app) { return !app.generate_ac.cryptogram; }
+
+    // The ATC of a new transaction: the profile's (or a set_get_data) value
+    // when no transaction has taken it yet, else one more; 0001 when the
+    // application has none.
+    Bytes take_atc(size_t i) {
+        AppProfile& app = profile.apps[i];
+        auto it = app.get_data.find(0x9F36);
+        if (it == app.get_data.end() || it->second.size() != 2) {
+            app.get_data[0x9F36] = Bytes{0x00, 0x01};
+        } else if (!atc_unused[i]) {
+            unsigned v = static_cast<unsigned>(it->second[0] << 8 | it->second[1]);
+            if (v < 0xFFFF) ++v;
+            it->second = Bytes{static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v)};
+        }
+        atc_unused[i] = false;
+        return app.get_data[0x9F36];
+    }
+
+    // The application cryptogram over the terminal's data (cut out of the
+    // GENERATE AC data by the CDOL), the AIP and the ATC.
+    Bytes compute_cryptogram(const AppProfile& app, const std::optional<Bytes>& dol, std::span<const uint8_t> data,
+                             const Bytes& atc, const Bytes& session_key) const {
+        Bytes input;
+        for (const crypto::AcElement& e : crypto::cryptogram_elements()) {
+            Bytes v = e.tag == 0x82 ? aip_of(app) : e.tag == 0x9F36 ? atc : dol_element(dol, data, e.tag, e.length);
+            input.insert(input.end(), v.begin(), v.end());
+        }
+        return crypto::retail_mac(session_key, input);
     }
 
     AppProfile* current_app() {
@@ -330,16 +434,23 @@ struct ProfileCard::Impl {
         if (c.p2 != 0 || type == 0xC0) return sw_only(kSwWrongP1P2);
         if (c.data.empty()) return sw_only(kSwWrongLength);
         if (ac_state == AcState::Done) return sw_only(kSwNotAllowed);
-        const std::optional<Bytes>& dol = ac_state == AcState::None ? app->cdol1 : app->cdol2;
+        const bool first = ac_state == AcState::None;
+        const bool locked = app->select_sw == kSwLocked;
+        // A locked application goes online for the issuer to unblock it, and
+        // completes nothing while it stays locked.
+        if (!first && locked) return sw_only(kSwNotAllowed);
+        const std::optional<Bytes>& dol = first ? app->cdol1 : app->cdol2;
         if (profile.check_dol_lengths && dol) {
             const auto expected = ber::dol_length(*dol);
             if (expected && *expected != c.data.size()) return sw_only(kSwWrongLength);
         }
-        const auto atc_it = app->get_data.find(0x9F36);
-        const Bytes atc = atc_it != app->get_data.end() && atc_it->second.size() == 2 ? atc_it->second : Bytes{0x00, 0x01};
-        const uint8_t cid = app->generate_ac.cid.value_or(type);
+        const Bytes atc = first ? take_atc(app_index) : app->get_data[0x9F36];
+        const uint8_t asked = first && locked && type == 0x40 ? uint8_t{0x80} : type;
+        const uint8_t cid = app->generate_ac.cid.value_or(asked);
+        const IccKeys& keys = icc_keys[app_index];
+        const Bytes ac_key = crypto::derive_session_key(keys.ac, crypto::session_diversifier(atc));
         const Bytes ac = app->generate_ac.cryptogram ? *app->generate_ac.cryptogram
-                                                     : derived_cryptogram(type, atc, c.data, app->aid);
+                                                     : compute_cryptogram(*app, dol, c.data, atc, ac_key);
         Bytes response;
         if (app->generate_ac.format == 1) {
             Bytes v{cid};
@@ -355,31 +466,76 @@ struct ProfileCard::Impl {
             ber::append(body, 0x9F10, app->generate_ac.iad);
             response = ber::encode(0x77, body);
         }
-        ac_state = (ac_state == AcState::None && (cid & 0xC0) == 0x80) ? AcState::AfterArqc : AcState::Done;
+        const bool arqc = first && (cid & 0xC0) == 0x80;
+        if (arqc) {
+            online = Online{app_index, atc, ac, ac_key,
+                            crypto::derive_session_key(keys.smi, crypto::session_diversifier(atc))};
+            issuer_authenticated = false;
+        }
+        ac_state = arqc ? AcState::AfterArqc : AcState::Done;
         return data_answer(c, response);
     }
 
-    // Issuer authentication data (ARPC and response code) after the ARQC.
+    // Issuer authentication data after the ARQC: ARPC (8 bytes) and the
+    // response code (2). A keyed card recomputes the ARPC under the session
+    // key of its ARQC; when it agrees the issuer is authenticated and the
+    // ATC of the ARQC becomes the last online ATC (GET DATA 9F13).
     Bytes external_authenticate(const Command& c) {
         if (c.p1 != 0 || c.p2 != 0) return sw_only(kSwWrongP1P2);
-        if (current_app() == nullptr || ac_state != AcState::AfterArqc) return sw_only(kSwNotAllowed);
+        AppProfile* app = current_app();
+        if (app == nullptr || ac_state != AcState::AfterArqc) return sw_only(kSwNotAllowed);
         if (c.data.size() < 8 || c.data.size() > 16) return sw_only(kSwWrongLength);
+        if (!keyed(*app)) return sw_only(kSwOk);
+        if (c.data.size() != 10) return sw_only(kSwWrongLength);
+        if (!online || online->app != app_index) return sw_only(kSwNotAllowed);
+        const Bytes expected = crypto::arpc_method1(online->ac_key, online->arqc, c.data.subspan(8, 2));
+        if (!std::equal(expected.begin(), expected.end(), c.data.begin())) return sw_only(kSwWrongCryptogram);
+        issuer_authenticated = true;
+        app->get_data[0x9F13] = online->atc;
         return sw_only(kSwOk);
     }
 
-    // Issuer script commands (secure messaging class). APPLICATION BLOCK and
+    // Whether a script command carries the MAC of this session's ARQC: the
+    // last 4 data bytes, the leftmost half of the retail MAC under the
+    // script session key over CLA INS P1 P2 Lc, the ATC and the ARQC, and
+    // the data before the MAC.
+    bool script_mac_ok(const Command& c) const {
+        if (!online || online->app != app_index || c.data.size() < 4) return false;
+        const auto body = c.data.first(c.data.size() - 4);
+        Bytes input{c.cla, c.ins, c.p1, c.p2, static_cast<uint8_t>(c.data.size())};
+        input.insert(input.end(), online->atc.begin(), online->atc.end());
+        input.insert(input.end(), online->arqc.begin(), online->arqc.end());
+        input.insert(input.end(), body.begin(), body.end());
+        const Bytes mac = crypto::retail_mac(online->smi_key, input);
+        return std::equal(mac.begin(), mac.begin() + 4, c.data.end() - 4);
+    }
+
+    // Issuer script commands (secure messaging class). A keyed card first
+    // checks the MAC (6988 and nothing done when it is wrong or missing, or
+    // when there was no ARQC in this card session). APPLICATION BLOCK and
     // UNBLOCK change the application's SELECT answer, CARD BLOCK makes every
-    // later SELECT fail; the others (PIN change, PUT DATA, UPDATE RECORD...)
-    // are accepted as they come.
+    // later SELECT fail, PUT DATA (keyed cards) replaces a GET DATA value;
+    // the others (PIN change, UPDATE RECORD...) are accepted as they come.
     Bytes issuer_script(const Command& c) {
         AppProfile* app = current_app();
         if (app == nullptr) return sw_only(kSwNotAllowed);
+        const bool checked = keyed(*app);
+        if (checked && !script_mac_ok(c)) return sw_only(kSwBadSecureMessaging);
         switch (c.ins) {
             case 0x1E: app->select_sw = kSwLocked; break;
             case 0x18:
                 if (app->select_sw == kSwLocked) app->select_sw = kSwOk;
                 break;
             case 0x16: card_blocked = true; break;
+            case 0xDA:
+                if (checked) {
+                    const uint32_t tag = c.p1 == 0 ? c.p2 : static_cast<uint32_t>(c.p1 << 8 | c.p2);
+                    Bytes value(c.data.begin(), c.data.end() - 4);
+                    if (tag == 0 || ber::encode(tag, value).size() > kMaxResponseData) return sw_only(kSwWrongData);
+                    if (tag == 0x9F36) atc_unused[app_index] = true;
+                    app->get_data[tag] = std::move(value);
+                }
+                break;
             default: break;
         }
         return sw_only(kSwOk);
@@ -421,14 +577,14 @@ std::shared_ptr<Card> Card::from_json(const std::string& text) { return ProfileC
 std::vector<uint8_t> ProfileCard::power_on() {
     std::lock_guard lock(impl_->mu);
     impl_->powered = true;
-    impl_->reset_session();
+    impl_->reset_power();
     return impl_->profile.atr;
 }
 
 void ProfileCard::power_off() {
     std::lock_guard lock(impl_->mu);
     impl_->powered = false;
-    impl_->reset_session();
+    impl_->reset_power();
 }
 
 std::vector<uint8_t> ProfileCard::exchange(std::span<const uint8_t> apdu) {
@@ -505,7 +661,9 @@ void ProfileCard::set_get_data(uint32_t tag, std::vector<uint8_t> value, std::sp
     if (tag == 0 || tag > 0xFFFF) throw std::invalid_argument("GET DATA takes tags of one or two bytes");
     if (ber::encode(tag, value).size() > kMaxResponseData) throw std::invalid_argument("GET DATA value too long");
     std::lock_guard lock(impl_->mu);
-    impl_->profile.apps[impl_->app_by_aid(aid)].get_data[tag] = std::move(value);
+    const size_t i = impl_->app_by_aid(aid);
+    impl_->profile.apps[i].get_data[tag] = std::move(value);
+    if (tag == 0x9F36) impl_->atc_unused[i] = true;
 }
 
 void ProfileCard::remove_get_data(uint32_t tag, std::span<const uint8_t> aid) {
@@ -521,6 +679,11 @@ void ProfileCard::set_locked(bool is_locked, std::span<const uint8_t> aid) {
 bool ProfileCard::locked(std::span<const uint8_t> aid) const {
     std::lock_guard lock(impl_->mu);
     return impl_->profile.apps[impl_->app_by_aid(aid)].select_sw == kSwLocked;
+}
+
+bool ProfileCard::issuer_authenticated() const {
+    std::lock_guard lock(impl_->mu);
+    return impl_->issuer_authenticated;
 }
 
 }  // namespace kolt::sim

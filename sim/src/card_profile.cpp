@@ -405,6 +405,15 @@ void read_generate_ac(const cJSON* obj, const std::string& path, AppProfile& app
     if (const cJSON* v = get(obj, "cid")) ac.cid = hex_of_size(v, member_path(path, "cid"), 1, 1)[0];
 }
 
+IssuerMasterKeys read_issuer_keys(const cJSON* obj, const std::string& path) {
+    require_object(obj, path);
+    check_keys(obj, path, {"ac", "smi"});
+    IssuerMasterKeys keys;
+    if (const cJSON* v = get(obj, "ac")) keys.ac = hex_of_size(v, member_path(path, "ac"), 16, 16);
+    if (const cJSON* v = get(obj, "smi")) keys.smi = hex_of_size(v, member_path(path, "smi"), 16, 16);
+    return keys;
+}
+
 Bytes build_fci(const cJSON* obj, const std::string& path, const AppProfile& app) {
     Bytes a5;
     if (const cJSON* v = get(obj, "label")) ber::append(a5, 0x50, text_bytes(v, member_path(path, "label")));
@@ -437,7 +446,7 @@ AppProfile read_app(const cJSON* obj, const std::string& path) {
     check_keys(obj, path,
                {"aid", "label", "priority", "language", "preferred_name", "pdol", "fci_proprietary",
                 "fci_discretionary", "fci", "select_sw", "locked", "gpo", "records", "get_data", "log",
-                "generate_ac"});
+                "generate_ac", "issuer_keys"});
     AppProfile app;
     const cJSON* aid = get(obj, "aid");
     if (aid == nullptr) fail(member_path(path, "aid"), "missing");
@@ -483,6 +492,7 @@ AppProfile read_app(const cJSON* obj, const std::string& path) {
     }
     if (app.log && !app.get_data.count(0x9F4F)) app.get_data.emplace(0x9F4F, app.log->format);
     read_generate_ac(get(obj, "generate_ac"), member_path(path, "generate_ac"), app);
+    if (const cJSON* v = get(obj, "issuer_keys")) app.issuer_keys = read_issuer_keys(v, member_path(path, "issuer_keys"));
     for (const auto& [key, bytes] : app.records) {
         if (!app.cdol1)
             if (auto v = ber::find(bytes, 0x8C)) app.cdol1 = Bytes(v->begin(), v->end());
@@ -529,7 +539,7 @@ CardProfile parse_profile(const std::string& json_text) {
     const cJSON* top = root.get();
     require_object(top, "(document)");
     check_keys(top, "", {"name", "description", "interface", "atr", "check_dol_lengths", "pse", "applications",
-                         "overrides"});
+                         "overrides", "issuer_keys"});
     CardProfile p;
     const cJSON* name = get(top, "name");
     if (name == nullptr) fail("name", "missing");
@@ -546,6 +556,7 @@ CardProfile parse_profile(const std::string& json_text) {
     if (p.atr[0] != 0x3B && p.atr[0] != 0x3F) fail("atr", "must begin with 3B or 3F");
     if (const cJSON* v = get(top, "check_dol_lengths")) p.check_dol_lengths = bool_of(v, "check_dol_lengths");
     if (const cJSON* v = get(top, "pse")) p.pse = read_pse(v, "pse");
+    if (const cJSON* v = get(top, "issuer_keys")) p.issuer_keys = read_issuer_keys(v, "issuer_keys");
     const cJSON* apps = get(top, "applications");
     if (apps == nullptr) fail("applications", "missing");
     require_array(apps, "applications");

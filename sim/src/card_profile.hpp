@@ -43,6 +43,13 @@ struct GenerateAcProfile {
     std::optional<uint8_t> cid;       // fixed 9F27; otherwise from P1
 };
 
+// The issuer's master keys the card derives its own keys from: for the
+// application cryptogram and for the integrity of issuer script commands.
+struct IssuerMasterKeys {
+    Bytes ac = ber::from_hex("0123456789ABCDEFFEDCBA9876543210");
+    Bytes smi = ber::from_hex("FEDCBA98765432100123456789ABCDEF");
+};
+
 struct AppProfile {
     Bytes aid;
     Bytes fci;                 // complete answer to SELECT (6F ...)
@@ -56,6 +63,8 @@ struct AppProfile {
     std::optional<LogProfile> log;
     GenerateAcProfile generate_ac;
     std::optional<Bytes> cdol1, cdol2;  // found in the records
+    // The application's own keys ("issuer_keys"); absent: the card's.
+    std::optional<IssuerMasterKeys> issuer_keys;
 };
 
 struct CardProfile {
@@ -67,6 +76,7 @@ struct CardProfile {
     std::optional<PseProfile> pse;
     std::vector<AppProfile> apps;
     std::vector<ResponseOverride> overrides;
+    IssuerMasterKeys issuer_keys;  // for the applications without their own
 };
 
 // Throws std::runtime_error naming the offending key.

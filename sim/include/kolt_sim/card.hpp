@@ -37,8 +37,9 @@ public:
     virtual std::vector<std::vector<uint8_t>> apdus() const = 0;
     virtual void clear_apdus() = 0;
 
-    // Power-off: ends the card session (selection, GPO and cryptogram state
-    // are forgotten). A card that is not powered answers every APDU with
+    // Power-off: ends the card session (selection, GPO and cryptogram state,
+    // the ARQC and the issuer authentication are forgotten; the ATC, the
+    // locked state and PUT DATA values are card data and stay). A card that is not powered answers every APDU with
     // 6F00. Optional for the reader to call; power_on() resets as well.
     virtual void power_off() {}
 };
@@ -168,6 +169,10 @@ public:
     // Locked applications answer SELECT with 6283 (and still return their FCI).
     void set_locked(bool locked, std::span<const uint8_t> aid = {});
     bool locked(std::span<const uint8_t> aid = {}) const;
+
+    // Whether EXTERNAL AUTHENTICATE has accepted the issuer's ARPC for the
+    // ARQC of this card session (until power-off or power-on).
+    bool issuer_authenticated() const;
 
 private:
     struct Impl;
