@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/card_flow.hpp"
+#include "common/online_flow.hpp"
 #include "emv/state.hpp"
 #include "kolt/kolt.h"
 #include "kolt_sim/card.hpp"
@@ -20,17 +21,19 @@ namespace {
 
 using kolt::sim::ProfileCard;
 using kolt::sim::ResponseOverride;
+using kolt::test::accept_issuer;
 using kolt::test::apdus_hex;
+using kolt::test::generate_acs;
+using kolt::test::kArqcError;
+using kolt::test::refuse_second_generate_ac;
 using kolt::test::kCardInitError;
+using kolt::test::kPortInitError;
+using kolt::test::kPortInitErrorArqc;
 using kolt::test::kPowerOnError;
 using kolt::test::kReadRecordError;
 using kolt::test::load_card;
 using kolt::test::sent;
 
-// GBK failure texts of these calls.
-const std::string kPortInitErrorArqc = "\xB3\xF5\xCA\xBC\xBB\xBB\xB6\xCB\xBF\xDA\xB4\xED\xCE\xF3";  // 初始换端口错误
-const std::string kPortInitError = "\xB3\xF5\xCA\xBC\xBB\xAF\xB6\xCB\xBF\xDA\xB4\xED\xCE\xF3";      // 初始化端口错误
-const std::string kArqcError = "\xC9\xFA\xB3\xC9\x41\x52\x51\x43\xB4\xED\xCE\xF3";                   // 生成ARQC错误
 
 // Transaction data, ICRT encoding: amount 100, other amount 0, currency
 // 0156, date 2026-11-22, type 00, time.
@@ -92,25 +95,7 @@ std::string arpc_text(const std::string& rc = "3030", bool script = true) {
     return text;
 }
 
-// The card accepts issuer authentication and script commands whatever
-// their cryptograms (these tests are about the flow).
-void accept_issuer(ProfileCard& card) {
-    ResponseOverride auth;
-    auth.ins = 0x82;
-    auth.response = {0x90, 0x00};
-    card.add_override(auth);
-    const uint8_t unblock[] = {0x84, 0x18};
-    ResponseOverride script = ResponseOverride::for_prefix(unblock, 0x9000);
-    card.add_override(script);
-}
 
-// The GENERATE AC commands the card received (their hex).
-std::vector<std::string> generate_acs(const kolt::sim::Card& card) {
-    std::vector<std::string> out;
-    for (const auto& a : apdus_hex(card))
-        if (a.rfind("80AE", 0) == 0) out.push_back(a);
-    return out;
-}
 
 class OnlineIcrtTest : public kolt::test::SimTest {};
 
@@ -375,11 +360,7 @@ TEST_F(OnlineIcrtTest, ExternalAuthenticationFailureAloneStillCompletes) {
 TEST_F(OnlineIcrtTest, SecondCryptogramRefusedSkipsTheScript) {
     auto card = load_card("pboc_debit");
     accept_issuer(*card);
-    ResponseOverride second;
-    second.ins = 0xAE;
-    second.response = {0x69, 0x85};
-    second.after = 1;
-    card->add_override(second);
+    refuse_second_generate_ac(*card);
     sim().set_contact_card(card);
     const Arqc a = get_arqc();
     ASSERT_EQ(a.rc, 0);
@@ -394,11 +375,7 @@ TEST_F(OnlineIcrtTest, SecondCryptogramRefusedSkipsTheScript) {
 TEST_F(OnlineIcrtTest, LockedApplicationStillGetsItsScriptWhenTheSecondCryptogramFails) {
     auto card = load_card("app_locked");
     accept_issuer(*card);
-    ResponseOverride second;
-    second.ins = 0xAE;
-    second.response = {0x69, 0x85};
-    second.after = 1;
-    card->add_override(second);
+    refuse_second_generate_ac(*card);
     sim().set_contact_card(card);
     const Arqc a = get_arqc();
     ASSERT_EQ(a.rc, 10);

@@ -9,24 +9,25 @@
 #include <vector>
 
 #include "common/card_flow.hpp"
+#include "common/online_flow.hpp"
 #include "emv/tr_data.hpp"
 #include "kolt/kolt.h"
 #include "kolt_sim/card.hpp"
 
 namespace {
 
+constexpr auto ic = kolt::test::ic_field;
 using kolt::sim::ProfileCard;
 using kolt::sim::ResponseOverride;
+using kolt::test::accept_issuer;
 using kolt::test::apdus_hex;
+using kolt::test::generate_acs;
+using kolt::test::kArqcError;
+using kolt::test::refuse_second_generate_ac;
 using kolt::test::load_card;
 using kolt::test::sent;
 
-const std::string kArqcError = "\xC9\xFA\xB3\xC9\x41\x52\x51\x43\xB4\xED\xCE\xF3";  // 生成ARQC错误
 
-// An IC-encoded field: letter, binary length, value.
-std::string ic(char letter, const std::string& value) {
-    return std::string(1, letter) + static_cast<char>(value.size()) + value;
-}
 
 // Amount 100, currency 0156, date, type 00; zero after it.
 const std::string kTrBlock = ic('P', "100") + ic('R', "156") + ic('S', "20261122") + ic('T', "00");
@@ -83,21 +84,7 @@ Arpc exe(const std::vector<char>& app, const std::string& arpc, int force_aac = 
 
 const std::string kArpc = "910A" "1122334455667788" "3030" "72" "12" "86098418000004AABBCCDD" "9F180411223344";
 
-void accept_issuer(ProfileCard& card) {
-    ResponseOverride auth;
-    auth.ins = 0x82;
-    auth.response = {0x90, 0x00};
-    card.add_override(auth);
-    const uint8_t unblock[] = {0x84, 0x18};
-    card.override_sw(unblock, 0x9000);
-}
 
-std::vector<std::string> generate_acs(const kolt::sim::Card& card) {
-    std::vector<std::string> out;
-    for (const auto& a : apdus_hex(card))
-        if (a.rfind("80AE", 0) == 0) out.push_back(a);
-    return out;
-}
 
 class OnlineYsTest : public kolt::test::SimTest {
 protected:
@@ -202,11 +189,7 @@ TEST_F(OnlineYsTest, ExternalAuthenticationFailureGivesMinusTwo) {
 TEST_F(OnlineYsTest, SecondCryptogramFailureGivesMinusTwo) {
     auto card = load_card("pboc_debit");
     accept_issuer(*card);
-    ResponseOverride second;
-    second.ins = 0xAE;
-    second.response = {0x69, 0x85};
-    second.after = 1;
-    card->add_override(second);
+    refuse_second_generate_ac(*card);
     sim().set_contact_card(card);
     std::vector<char> app = card_info_block();
     ASSERT_EQ(gen_arqc(app).rc, 0);

@@ -112,7 +112,7 @@ TEST(SimCardCrypto, OnlineCardsLoadAndAreDocumented) {
         EXPECT_NE(readme.find("online/" + entry.path().filename().string()), std::string::npos) << entry.path();
         EXPECT_EQ(ProfileCard::shipped("online/" + card->name())->name(), card->name());
     }
-    EXPECT_EQ(n, 2);
+    EXPECT_EQ(n, 3);
 }
 
 TEST(SimCardCrypto, ArqcIsTheMacOfTheTransactionData) {
