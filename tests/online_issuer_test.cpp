@@ -104,6 +104,11 @@ TEST_F(OnlineIssuerTest, ContactTransactionIcrtWithAPutDataScript) {
     EXPECT_EQ(t.arpc_rc, 0);
     EXPECT_EQ(answer_to(*card, "0082"), "9000");  // the card accepted the ARPC
     EXPECT_EQ(cid_of(t.second_ac.substr(3)), 0x40);  // TC
+    // Each cryptogram has its own unpredictable number and its own value,
+    // even within one second.
+    const auto un_of = [](const std::string& f55) { return f55.substr(f55.find("9F3704") + 6, 8); };
+    EXPECT_NE(un_of(t.field55), un_of(t.second_ac.substr(3)));
+    EXPECT_NE(t.field55.substr(6, 16), t.second_ac.substr(9, 16));
     EXPECT_EQ(t.script_result, "DF31052104000000");
     // The card ends powered off, as the reader's transcript shows.
     EXPECT_TRUE(sent(sim(), 0x32, 0x23));

@@ -49,9 +49,10 @@ struct Terminal {
         return amount + other + country + tvr + currency + date + type + un + "103000" + std::string(40, '0');
     }
     std::string cdol2(const std::string& arc = "3030") const { return arc + cdol1(); }
-    // What the cryptogram covers, for the card's AIP and ATC.
-    Bytes mac_input(const std::string& aip, const std::string& atc) const {
-        return from_hex(amount + other + country + tvr + currency + date + type + un + aip + atc);
+    // What the cryptogram covers, for the card's AIP, ATC and the
+    // cryptogram information it answers.
+    Bytes mac_input(const std::string& aip, const std::string& atc, const std::string& cid = "80") const {
+        return from_hex(amount + other + country + tvr + currency + date + type + un + aip + atc + cid);
     }
 };
 
@@ -157,8 +158,10 @@ TEST(SimCardCrypto, TcOfTheSecondGenerateAcUsesCdol2AndTheSameAtc) {
     const Ac tc = generate_ac(*card, "40", t.cdol2());
     EXPECT_EQ(tc.cid, "40");
     EXPECT_EQ(tc.atc, arqc.atc);
-    const Bytes expected = crypto::retail_mac(session_key(kDefaultAcKey, kOnlinePan, tc.atc), t.mac_input("7C00", tc.atc));
+    const Bytes expected = crypto::retail_mac(session_key(kDefaultAcKey, kOnlinePan, tc.atc), t.mac_input("7C00", tc.atc, "40"));
     EXPECT_EQ(tc.ac, to_hex(expected));
+    // The TC is not the ARQC, though the data are the same.
+    EXPECT_NE(tc.ac, arqc.ac);
 }
 
 TEST(SimCardCrypto, AtcGrowsWithEveryTransaction) {
@@ -318,7 +321,7 @@ TEST(SimCardCrypto, KeysFromTheProfile) {
     };
     // The elements the CDOL lists are taken wherever it puts them, the
     // others count as zeros; the ATC of a card without 9F36 starts at 0001.
-    const Bytes input = from_hex("000000000500 000000000000 0000 0000000000 0000 250612 00 11223344 7C00 0001");
+    const Bytes input = from_hex("000000000500 000000000000 0000 0000000000 0000 250612 00 11223344 7C00 0001 80");
     const Bytes mk = crypto::derive_icc_master_key(from_hex(ac_key), "4711000000000011", "02");
     const std::string expected =
         to_hex(crypto::retail_mac(crypto::derive_session_key(mk, crypto::session_diversifier(from_hex("0001"))), input));

@@ -176,10 +176,10 @@ TEST(SimIssuer, ParsesTolerantly) {
     // another order, an unknown tag, a short amount (right-aligned), blanks, lower case
     std::string f55 = tlv("9F1A", e.at("9F1A")) + tlv("DF01", "00112233") + tlv("9F02", "012345") + " " +
                       tlv("9F26", t.ac) + tlv("9F36", t.atc) + tlv("5A", "6299990000020000018f") + tlv("5F34", "01");
-    for (const char* tag : {"9F03", "95", "5F2A", "9A", "9C", "9F37", "82"}) f55 += tlv(tag, e.at(tag));
+    for (const char* tag : {"9F03", "95", "5F2A", "9A", "9C", "9F37", "82", "9F27"}) f55 += tlv(tag, e.at(tag));
     const Authorisation a = Issuer().authorise(f55);
     EXPECT_TRUE(a.verified) << a.reason;
-    EXPECT_EQ(a.cid_type, "none");
+    EXPECT_EQ(a.cid_type, "ARQC");
     // a long amount counts with its last six bytes
     const std::string long_amount = tlv("9F02", "00" + t.amount);
     std::string f = t.field55();
@@ -222,7 +222,8 @@ TEST(SimIssuer, PanWithoutSequenceNumberIsSequence00) {
     const std::string r = tx(*card, "80 AE 80 00 0A 000000000700 01020304");
     ASSERT_EQ(sw_of(r), "9000");
     const std::string f55 = tlv("9F26", r.substr(10, 16)) + tlv("9F36", r.substr(6, 4)) + tlv("5A", "4711000000000011") +
-                            tlv("9F02", "000000000700") + tlv("9F37", "01020304") + tlv("82", "7C00");
+                            tlv("9F02", "000000000700") + tlv("9F37", "01020304") + tlv("82", "7C00") +
+                            tlv("9F27", "80");
     const Authorisation a = Issuer().authorise(f55);
     EXPECT_TRUE(a.verified) << a.reason;
     EXPECT_EQ(a.psn, "00");

@@ -393,7 +393,7 @@ bool run_online(const Args& a) {
     std::printf("== ICRT_ARPCExeScript = %d (card powered off)\n", arc);
     if (script_result.size() >= 16 && script_result.rfind("DF3105", 0) == 0) {
         const char state = script_result[6];
-        std::printf("   issuer script result %s: %s, %s command(s), script id %s\n", script_result.c_str(),
+        std::printf("   issuer script result %s: %s, %s command(s), script id beginning %s\n", script_result.c_str(),
                     state == '2' ? "executed" : state == '1' ? "not executed or failed" : "no script step",
                     script_result.substr(7, script_result.size() - 15).c_str(),
                     script_result.substr(script_result.size() - 6).c_str());

@@ -283,10 +283,13 @@ struct ProfileCard::Impl {
     // The application cryptogram over the terminal's data (cut out of the
     // GENERATE AC data by the CDOL), the AIP and the ATC.
     Bytes compute_cryptogram(const AppProfile& app, const std::optional<Bytes>& dol, std::span<const uint8_t> data,
-                             const Bytes& atc, const Bytes& session_key) const {
+                             const Bytes& atc, uint8_t cid, const Bytes& session_key) const {
         Bytes input;
         for (const crypto::AcElement& e : crypto::cryptogram_elements()) {
-            Bytes v = e.tag == 0x82 ? aip_of(app) : e.tag == 0x9F36 ? atc : dol_element(dol, data, e.tag, e.length);
+            Bytes v = e.tag == 0x82     ? aip_of(app)
+                      : e.tag == 0x9F36 ? atc
+                      : e.tag == 0x9F27 ? Bytes{cid}
+                                        : dol_element(dol, data, e.tag, e.length);
             input.insert(input.end(), v.begin(), v.end());
         }
         return crypto::retail_mac(session_key, input);
@@ -450,7 +453,7 @@ struct ProfileCard::Impl {
         const IccKeys& keys = icc_keys[app_index];
         const Bytes ac_key = crypto::derive_session_key(keys.ac, crypto::session_diversifier(atc));
         const Bytes ac = app->generate_ac.cryptogram ? *app->generate_ac.cryptogram
-                                                     : compute_cryptogram(*app, dol, c.data, atc, ac_key);
+                                                     : compute_cryptogram(*app, dol, c.data, atc, cid, ac_key);
         Bytes response;
         if (app->generate_ac.format == 1) {
             Bytes v{cid};

@@ -77,7 +77,7 @@ Bytes key_check_value(std::span<const uint8_t> key16) {
 std::span<const AcElement> cryptogram_elements() {
     static constexpr AcElement kElements[] = {
         {0x9F02, 6}, {0x9F03, 6}, {0x9F1A, 2}, {0x95, 5}, {0x5F2A, 2},
-        {0x9A, 3},   {0x9C, 1},   {0x9F37, 4}, {0x82, 2}, {0x9F36, 2},
+        {0x9A, 3},   {0x9C, 1},   {0x9F37, 4}, {0x82, 2}, {0x9F36, 2}, {0x9F27, 1},
     };
     return kElements;
 }

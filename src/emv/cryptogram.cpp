@@ -44,7 +44,7 @@ struct FirstAc {
 
 FirstAc first_generate_ac(const FlowTrace& trace, const char* cdol_data_format) {
     FirstAc ac;
-    support::random_bytes(ac.un);
+    support::unpredictable_bytes(ac.un);
     std::array<uint8_t, kDolRoom> data{};
     int32_t len = 0;
     build_dol(state().cdol1_bytes(), ac.un, data, len);

@@ -104,7 +104,7 @@ ArpcResult issuer_steps(const StepInput& in, const FlowTrace& trace) {
     state().set_cdol2(in.cdol2);
     trace.debug_hex("CDOL2Buf =%02x", state().cdol2_bytes());
     std::array<uint8_t, 4> un{};
-    support::random_bytes(un);
+    support::unpredictable_bytes(un);
     std::array<uint8_t, kDolRoom> data{};
     int32_t len = 0;
     build_dol(state().cdol2_bytes(), un, data, len);

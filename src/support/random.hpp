@@ -11,4 +11,10 @@ namespace kolt::support {
 // which the card flows accept.
 void random_bytes(std::span<uint8_t> out);
 
+// Bytes from the platform's random source (getrandom), for the
+// unpredictable numbers of cryptograms: two drawn within one second differ,
+// so the ARQC and the TC of a transaction never share theirs. Falls back to
+// random_bytes when the source cannot be read.
+void unpredictable_bytes(std::span<uint8_t> out);
+
 }  // namespace kolt::support

@@ -67,8 +67,10 @@ Bytes arpc_method1(std::span<const uint8_t> key16, std::span<const uint8_t> arqc
 // The data the application cryptogram covers, in this order: the terminal's
 // amount (9F02), other amount (9F03), country (9F1A), verification results
 // (95), currency (5F2A), date (9A), transaction type (9C) and unpredictable
-// number (9F37), then the card's AIP (82) and ATC (9F36). The card takes the
-// terminal's elements from the GENERATE AC data, the issuer from field 55.
+// number (9F37), then the card's AIP (82) and ATC (9F36), and the
+// cryptogram information it answers (9F27), so that the TC and the ARQC of
+// one transaction differ. The card takes the terminal's elements from the
+// GENERATE AC data, the issuer from field 55.
 struct AcElement {
     uint32_t tag;
     size_t length;

@@ -14,7 +14,7 @@
 // 128 bytes and more), then the value. Any order; unknown tags are ignored;
 // the first of repeated tags counts; blanks in the text are ignored. The
 // cryptogram is recomputed over the elements of crypto::cryptogram_elements
-// (9F02 9F03 9F1A 95 5F2A 9A 9C 9F37 82 9F36), each brought to its length
+// (9F02 9F03 9F1A 95 5F2A 9A 9C 9F37 82 9F36 9F27), each brought to its length
 // as crypto::fit_value does (shorter: zeros on the left; longer: its last
 // bytes; absent: zeros), under the session key of the card's ATC (9F36)
 // from the card master key of its PAN (5A, F padding left out) and PAN
