@@ -477,3 +477,30 @@ TEST_F(OnlineIcrtTest, NullArgumentsDoNotCrash) {
     EXPECT_EQ(ParaDeal("P003100", nullptr), -1);
     EXPECT_EQ(KOLT_Get55Data(nullptr, 0, nullptr, nullptr, nullptr), -1);
 }
+
+TEST_F(OnlineIcrtTest, TraceLinesOfBothCalls) {
+    auto card = load_card("pboc_debit");
+    accept_issuer(*card);
+    sim().set_contact_card(card);
+    kolt::test::DebugLogCapture debug;
+    const Arqc a = get_arqc();
+    ASSERT_EQ(a.rc, 0);
+    exe_script(arpc_text(), a.app_data);
+    const std::string trace = debug.text();
+    for (const std::string& line : std::vector<std::string>{
+             "] KOLT_ICRT_GetARQC begin......\n", "] KOLT_ICRT_GetARQC ICtype = 0\n",
+          // The 9F02 line carries the name of 9F1A; P is letter 15.
+          "] KOLT_Get55Data  9F1A nIndex=15\n", "] KOLT_ICRT_GetARQC ARQC tagValueLen =", "] KOLT_ICRT_GetARQC trAppData =" + kCdol2Hex + "0\n",
+          "] KOLT_ICRT_ARPCExeScript begin......\n", "] KOLT_ICRT_ARPCExeScript CDOL2=" + kCdol2Hex + "\n",
+          "] KOLT_ICRT_ARPCExeScript cardLockedState=0\n", "] KOLT_ARPC_GetScritp 72 scriptLen=18\n",
+          "] KOLT_ICRT_ARPCExeScript ACType =64\n", "] KOLT_ICRT_ARPCExeScript scriptIndex =1\n",
+          "] KOLT_ICRT_ARPCExeScript ScriptResult =DF31052104112233\n",
+          "] KOLT_ICRT_ARPCExeScript KOLT_T41_ICC_Poweroff flag=0\n"}) {
+        EXPECT_NE(trace.find(line), std::string::npos) << line;
+    }
+    // The trAppData line is written twice.
+    const std::string app_line = "] KOLT_ICRT_GetARQC trAppData =";
+    const auto first = trace.find(app_line);
+    ASSERT_NE(first, std::string::npos);
+    EXPECT_NE(trace.find(app_line, first + 1), std::string::npos);
+}
