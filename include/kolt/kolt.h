@@ -382,6 +382,32 @@ KOLT_API int32_t STAR_ARPC_ExeICScrip(const char *dataIn, char *out);           
 KOLT_API int32_t IC_ARPC_ExeICScript(int32_t icType, const char *trData, const char *arpc, int32_t forceAac, char *secondAc, char *scriptResult, const char *appData); /* on an open link, IC-encoded data and block; forceAac asks AAC; 0, -2 auth or AC failed, -4 no tag 91 (only the power-off is sent), -10 GET DATA or script */
 /* ---- KOLT-ONLINE-END ---- */
 
+/* ---- KOLT-STRIPE-BEGIN (magnetic stripe) ---- */
+/*
+ * Framed path: the stripe LED is lit around the read; each track buffer of
+ * KOLT_T41_MC_ReadThreeTrackData (KOLT_T41_REPLY_MAX bytes) gets the track's
+ * status, its two length bytes as the reply carries them, then the data.
+ * Escape-sequence path: mode 2 (track 2), 3 (track 3), 23 (both); track
+ * outputs need KOLT_STRIPE_TEXT_MAX bytes; write texts are read up to 500
+ * characters. A waiting read or write ends within 0.1 s of cancelOperation
+ * being set to 1 (result -3, the reader reset with ESC "0"). Only a
+ * successful read closes the port; the other endings after the command
+ * leave it open.
+ */
+#define KOLT_STRIPE_TEXT_MAX 1024
+
+KOLT_API int32_t KOLT_T41_MC_ReadData(uint8_t *out, uint32_t timeout);             /* framed stripe read (0x36 0x91), reply into out (KOLT_T41_REPLY_MAX); device result code, Revdata_Error */
+KOLT_API int32_t KOLT_T41_MC_ReadThreeTrackData(uint8_t *track1, uint8_t *track2, uint8_t *track3, uint32_t timeout); /* three tracks (status, length hi/lo, data); 0, device result code, Revdata_Error */
+KOLT_API int32_t getCardNoLen(const uint8_t *buf, int32_t len);                     /* index of the first non-digit; -1 when all len bytes are digits */
+KOLT_API int32_t getMCCardNo(int32_t termType, const char *portArg, int32_t port, const char *auxArg, char *cardNo, int32_t unused); /* account number of track 2 (no terminator: zero cardNo first); 0, -1 port or no track 2, -2 no digits */
+KOLT_API int32_t KOLT_MC_Read(int32_t termType, int32_t port, int32_t mode, char *track2, char *track3, uint32_t timeout); /* escape-sequence read; 0, -1 port, -2 time-out, -3 cancelled, -4 bad reply, -5 empty track, -6 no "A" */
+KOLT_API int32_t KOLT_MC_Write(int32_t termType, int32_t port, int32_t mode, const char *track2, const char *track3, uint32_t timeout); /* escape-sequence write; 0, -1 port, -2 time-out, -3 cancelled, -4 refused; other modes send no data and check no status */
+KOLT_API int32_t MsrRead(int32_t mode, int32_t unused, char *track2, char *track3, int32_t port, uint32_t timeout); /* KOLT_MC_Read on terminal type 0, mode 1 read as 23; 0 or -204 */
+KOLT_API int32_t MsrWrite_YZ(int32_t port, int32_t unused, int32_t mode, const char *track2, const char *track3, const char *label, uint32_t timeout); /* KOLT_MC_Write on terminal type 0; 0 or -204 */
+KOLT_API int32_t MS_ReadCard(const char *port, int32_t a2, int32_t a3, int32_t a4, int32_t mode, int32_t a6, char *track2, char *track3); /* port name into gPortName, port 0, 5 s; modes 23 and 1 alike; 0 or -11 */
+KOLT_API int32_t MS_WriteCard(const char *port, int32_t a2, int32_t a3, int32_t a4, int32_t mode, int32_t a6, const char *track2, const char *track3); /* port name into gPortName, port 0, 5 s; 0 or -11 */
+/* ---- KOLT-STRIPE-END ---- */
+
 #ifdef __cplusplus
 }
 #endif

@@ -43,12 +43,6 @@ void log_star_return(std::string_view name, const std::optional<std::string>& te
     log_text((std::string(name) + "  strReturn=%s").c_str(), text ? std::string_view(*text) : std::string_view());
 }
 
-void set_port_name(std::string_view name) {
-    // Copied first: a caller may hand gPortName itself in.
-    const std::string copy(name.substr(0, kPortNameMax));
-    std::memset(gPortName, 0, sizeof gPortName);
-    std::memcpy(gPortName, copy.data(), copy.size());
-}
 
 int32_t do_ic_type(int32_t ic_type, int32_t* flag) {
     int32_t slot = device::kSlotContact;

@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "link/link_state.hpp"
+
 namespace kolt::emv {
 
 // ---------------------------------------------------------------------------
@@ -43,9 +45,8 @@ StarInput read_star_input(std::string_view input, std::string_view name, std::st
 // The closing trace line "<name>  strReturn=" with the text written.
 void log_star_return(std::string_view name, const std::optional<std::string>& text);
 
-// Clears gPortName and copies the name into it (at most kPortNameMax
-// characters), as the IC_ entry points do before they open the link.
-void set_port_name(std::string_view name);
+// Clears gPortName and copies the name into it (link::set_port_name).
+using link::set_port_name;
 
 // ---------------------------------------------------------------------------
 // IC type of the public interface to card slot: 0/20 contact (0), 1/21

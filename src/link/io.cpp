@@ -61,20 +61,35 @@ private:
 
 enum class Stop { none, first_above_3f };
 
-// The common read loop of rcv_buf and rcv_buf_100s.
-int read_loop(int fd, std::span<uint8_t> buf, int timeout_s, Stop stop) {
-    if (buf.empty() || fd < 0) return 0;
+// What else ends a read besides a full buffer and the time: a tail that the
+// buffer's content (from its start) ends with, and a caller's cancel flag.
+struct ReadEnd {
+    std::span<const uint8_t> tail;
+    const volatile int32_t* cancel = nullptr;
+};
+
+bool ends_with(std::span<const uint8_t> bytes, std::span<const uint8_t> tail) {
+    return !tail.empty() && bytes.size() >= tail.size() &&
+           std::equal(tail.begin(), tail.end(), bytes.end() - static_cast<std::ptrdiff_t>(tail.size()));
+}
+
+// The common read loop of the rcv_buf family: reads into buf from `have`
+// on; the count read.
+int read_loop(int fd, std::span<uint8_t> buf, std::size_t have, int timeout_s, Stop stop, const ReadEnd& end = {}) {
+    if (have >= buf.size() || fd < 0) return 0;
     const Deadline deadline = Deadline::whole_seconds(timeout_s);
-    std::size_t got = 0;
+    std::size_t got = have;
     bool first = true;
     while (got < buf.size()) {
         if (!first && deadline.expired()) break;
         first = false;
-        const Wake wake = wait_fd(fd, POLLIN, deadline);
-        if (wake == Wake::invalid) break;
+        const Wake wake = wait_fd(fd, POLLIN, deadline, end.cancel);
+        if (wake == Wake::invalid || wake == Wake::cancelled) break;
         if (wake == Wake::timeout) continue;
         if (wake == Wake::hangup) {
-            idle(deadline);
+            if (!sleep_until(Deadline::after_ms(std::min<long long>(kIdleSliceMs, deadline.remaining_ms())),
+                             end.cancel))
+                break;
             continue;
         }
         const ssize_t n = ::read(fd, buf.data() + got, buf.size() - got);
@@ -85,13 +100,14 @@ int read_loop(int fd, std::span<uint8_t> buf, int timeout_s, Stop stop) {
                 }
             }
             got += static_cast<std::size_t>(n);
+            if (ends_with(buf.first(got), end.tail)) break;
             continue;
         }
         if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (n < 0 && errno == EBADF) break;
         idle(deadline);  // readable but nothing to read: the line hung up
     }
-    return static_cast<int>(got);
+    return static_cast<int>(got - have);
 }
 
 // Reads single bytes until one of the heads arrives; true when it did.
@@ -153,12 +169,15 @@ int write_buf(int fd, std::span<const uint8_t> buf, int timeout_s) {
     return static_cast<int>(done);
 }
 
-int rcv_buf(int fd, std::span<uint8_t> buf, int timeout_s) {
-    return read_loop(fd, buf, timeout_s, Stop::none);
+int rcv_buf(int fd, std::span<uint8_t> buf, int timeout_s) { return read_loop(fd, buf, 0, timeout_s, Stop::none); }
+
+int rcv_buf_until(int fd, std::span<uint8_t> buf, std::size_t have, int timeout_s, std::span<const uint8_t> tail,
+                  const volatile int32_t* cancel) {
+    return read_loop(fd, buf, have, timeout_s, Stop::none, ReadEnd{tail, cancel});
 }
 
 int rcv_buf_100s(int fd, std::span<uint8_t> buf, int timeout_s) {
-    return read_loop(fd, buf, timeout_s, Stop::first_above_3f);
+    return read_loop(fd, buf, 0, timeout_s, Stop::first_above_3f);
 }
 
 int rcv_from_head(int fd, std::span<uint8_t> buf, uint8_t head, int timeout_s) {

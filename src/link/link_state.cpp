@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
+#include <string>
 
 namespace kolt::link {
 
@@ -37,6 +39,12 @@ void clear_sequences() {
 
 std::string_view port_name() {
     return std::string_view(gPortName, strnlen(gPortName, sizeof gPortName - 1));
+}
+
+void set_port_name(std::string_view name) {
+    const std::string copy(name.substr(0, sizeof gPortName - 1));
+    std::memset(gPortName, 0, sizeof gPortName);
+    std::memcpy(gPortName, copy.data(), copy.size());
 }
 
 void close_fd() {

@@ -64,6 +64,10 @@ void clear_sequences();
 
 // gPortName as text (at most 31 characters are used).
 std::string_view port_name();
+// Clears gPortName and copies the name into it (at most 31 characters), as
+// the entry points that take a port name do before they open the link. The
+// name may be gPortName itself.
+void set_port_name(std::string_view name);
 
 // Closes the link descriptor when this library opened it (fd keeps its
 // value); a descriptor it did not open is left alone.

@@ -50,6 +50,13 @@ SubField sub_field(std::string_view text, char separator, int32_t k) {
     return {text.substr(start, sep - start), static_cast<int32_t>(start)};
 }
 
+int32_t sub_buf_pos(std::span<const uint8_t> needle, std::span<const uint8_t> buffer) {
+    if (needle.empty()) return -2;
+    if (buffer.size() < needle.size()) return -3;
+    const auto hit = std::search(buffer.begin(), buffer.end(), needle.begin(), needle.end());
+    return hit == buffer.end() ? -1 : static_cast<int32_t>(hit - buffer.begin());
+}
+
 int32_t atoi_value(std::string_view text) {
     const std::string copy(text.substr(0, text.find('\0')));
     return static_cast<int32_t>(std::strtol(copy.c_str(), nullptr, 10));

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -27,6 +28,10 @@ struct SubField {
     int32_t start = 0;
 };
 SubField sub_field(std::string_view text, char separator, int32_t k);
+
+// Index of the first run of needle's bytes in buffer: -1 absent, -2 an
+// empty needle, -3 a buffer shorter than the needle (KOLT_SubBufPos).
+int32_t sub_buf_pos(std::span<const uint8_t> needle, std::span<const uint8_t> buffer);
 
 // The decimal value of a text as atoi reads it (leading blanks, a sign,
 // digits up to the first other character or a zero byte), wrapped to 32

@@ -21,9 +21,8 @@ KOLT_API int32_t KOLT_strpos(const char* needle, const char* haystack) {
 KOLT_API int32_t KOLT_SubBufPos(const uint8_t* needle, int32_t needleLen, const uint8_t* buffer, int32_t bufferLen) {
     if (needle == nullptr || needleLen < 1) return -2;
     if (buffer == nullptr || bufferLen < needleLen) return -3;
-    const auto* end = buffer + bufferLen;
-    const auto* hit = std::search(buffer, end, needle, needle + needleLen);
-    return hit == end ? -1 : static_cast<int32_t>(hit - buffer);
+    return ks::sub_buf_pos(std::span<const uint8_t>(needle, static_cast<size_t>(needleLen)),
+                           std::span<const uint8_t>(buffer, static_cast<size_t>(bufferLen)));
 }
 
 KOLT_API int32_t KOLT_GetSubStr(const char* text, char* out, char separator, int32_t k) {
