@@ -64,7 +64,8 @@ public:
         std::memset(p_, 0xA5, n == 0 ? 1 : n);
     }
     Heap(std::span<const uint8_t> content, std::size_t n) : Heap(n) {
-        std::memcpy(p_, content.data(), content.size() < n ? content.size() : n);
+        const std::size_t k = content.size() < n ? content.size() : n;
+        if (k > 0) std::memcpy(p_, content.data(), k);
     }
     ~Heap() { std::free(p_); }
     Heap(const Heap&) = delete;

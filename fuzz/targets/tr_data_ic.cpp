@@ -20,7 +20,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // would read into that zero area, so the copy carries 256 zero bytes.
     Heap copy(block.size() + 257);
     std::memset(copy.data(), 0, copy.size());
-    std::memcpy(copy.data(), block.data(), block.size());
+    if (!block.empty()) std::memcpy(copy.data(), block.data(), block.size());
     kolt::emv::reset_state();
     const int32_t rc = KOLT_ParaseTrData(copy.chars());
     check(rc == 0 || rc == -2, "KOLT_ParaseTrData: result not 0 or -2");
