@@ -431,6 +431,29 @@ for resp in ("910A11223344556677883030", "910A1122334455667788303071129F18040000
     add("arpc_script", bytes.fromhex(resp if len(resp) % 2 == 0 else resp + "0"))
 
 # ---------------------------------------------------------------------------
+# The stripe reader (tests/stripe_*_test.cpp): escape-sequence read replies
+# behind a mode byte (0: 2, 1: 3, 2: 23), framed three-track replies.
+T2 = b"6299990000001234560=30122201234567890"
+T3 = b"996299990000001234560=1561560000000000000003000000114000049120=000000000000=000000000000=0"
+for pick, reply in ((0, b"\x1bs" + T2 + b"?\x1c"), (1, b"\x1bsA" + T3 + b"?\x1c"), (2, b"\x1bs" + T2 + b"A" + T3 + b"?\x1c"),
+                    (2, b"\x1bs\x7fA" + T3 + b"?\x1c"), (2, b"\x1bs\x7fA\x7f?\x1c"), (0, b"\x1bs\x7f?\x1c"),
+                    (2, b"\x1bs" + T2 + T3 + b"?\x1c"), (0, b"\x1bs" + T2.replace(b"=", b"'") + b"?\x1c"),
+                    (0, b"\x1bs" + T2 + b"?\x1c12?\x1c"), (0, b"?\x1c"), (1, b"\x1b?\x1c"), (2, b"A?\x1c"),
+                    (0, b"\x1bs\x00" + T2 + b"?\x1c"), (9, b"\x1bs" + T2 + b"?\x1c"), (0, b"")):
+    add("stripe_reply", bytes([pick]) + reply)
+def framed_tracks(t1, t2, t3, s=(0, 0, 0)):
+    # 00, status 1, status 2, then status 3 which is also the high byte of
+    # track 1's length.
+    data = bytes([0, s[0], s[1]]) + u16(len(t1)) + u16(len(t2)) + u16(len(t3)) + t1 + t2 + t3
+    body = bytes([0x00, 0x00]) + data
+    return bytes([0x02]) + u16(len(body)) + body
+for t1, t2, t3 in ((b"%B6299990000001234560^LI/SIMING^30121010000?", b";" + T2 + b"?", b";" + T3 + b"?"),
+                   (b"", b";" + T2 + b"?", b""), (b"", b"", b""), (b"", T2, b"")):
+    add("stripe_tracks", framed_tracks(t1, t2, t3))
+add("stripe_tracks", framed_tracks(b"", b";" + T2, b"", s=(1, 0, 0)))
+add("stripe_tracks", bytes([0x02, 0x00, 0x20, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF]))
+
+# ---------------------------------------------------------------------------
 # Seeds that show a library defect not fixed yet stay out of the corpus (the
 # test suite replays the corpus); their inputs are kept in fuzz/pending/.
 # An entry goes when the fix is in.
