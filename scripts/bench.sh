@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# Builds kolt-bench (Google Benchmark, against the simulated reader) and
+# runs it; extra arguments go to the program (e.g. --benchmark_filter=Stripe).
+# The results worth keeping go to docs/performance.md.
+source "$(dirname "$0")/common.sh"
+kolt_ensure_packages "${KOLT_BUILD_PACKAGES[@]}" libbenchmark-dev
+
+cd "$KOLT_ROOT"
+build=build/bench
+kolt_build "$build" -DCMAKE_BUILD_TYPE=Release -DKOLT_TESTS=OFF -DKOLT_BENCH=ON
+"$build/bench/kolt-bench" "$@"
