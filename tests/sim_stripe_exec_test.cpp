@@ -43,7 +43,9 @@ struct Child {
         }
         if (out >= 0) ::close(out);
     }
-    void say(const std::string& line) const { ASSERT_EQ(::write(in, line.data(), line.size()), static_cast<ssize_t>(line.size())); }
+    void say(const std::string& line) const {
+        ASSERT_EQ(::write(in, line.data(), line.size()), static_cast<ssize_t>(line.size()));
+    }
     int stop() {
         ::kill(pid, SIGTERM);
         int status = 0;

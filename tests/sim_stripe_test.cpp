@@ -21,7 +21,8 @@ namespace {
 
 const std::string kTrack1 = "%B6299990000001234560^ZHANG/SAN^3012201100000000000000?";
 const std::string kTrack2 = ";6299990000001234560=30122201234567890?";
-const std::string kTrack3 = ";996299990000001234560=1560000000000000000000000000000000000003012=0000000000000000000000?";
+const std::string kTrack3 =
+    ";996299990000001234560=1560000000000000000000000000000000000003012=0000000000000000000000?";
 const std::string kBare2 = "6299990000001234560=30122201234567890";
 const std::string kBare3 = "996299990000001234560=1560000000000000000000000000000000000003012=0000000000000000000000";
 
@@ -91,7 +92,8 @@ TEST_F(SimStripe, FramedReadLayout) {
     EXPECT_EQ(f->data, expected);
 
     // The host's decoded reply: 02, length (2), status (2), then the data.
-    Bytes r{0x02, static_cast<uint8_t>((f->data.size() + 2) >> 8), static_cast<uint8_t>(f->data.size() + 2), f->a, f->b};
+    Bytes r{0x02, static_cast<uint8_t>((f->data.size() + 2) >> 8), static_cast<uint8_t>(f->data.size() + 2), f->a,
+            f->b};
     r.insert(r.end(), f->data.begin(), f->data.end());
     EXPECT_EQ(r[5], 0x00);
     EXPECT_EQ(r[6], 0x00);  // track-1 status
@@ -467,7 +469,8 @@ TEST_F(SimStripe, BareReadCommandIsRecordedAndIgnored) {
 
 TEST_F(SimStripe, EscapeAndMainFramesShareTheLine) {
     sim->swipe(full_card());
-    line->write(cat({kRead2, encode_main_command(0x38, 0x97, {}), Bytes{0x1B, 'x'}, encode_main_command(0x38, 0x98, {})}));
+    line->write(
+        cat({kRead2, encode_main_command(0x38, 0x97, {}), Bytes{0x1B, 'x'}, encode_main_command(0x38, 0x98, {})}));
     Bytes got;
     const auto end = Clock::now() + std::chrono::milliseconds(1500);
     const Bytes esc = reply(kBare2);

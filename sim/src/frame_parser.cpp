@@ -176,7 +176,8 @@ FrameParser::Parse FrameParser::try_escape_write(size_t& n, Sink& sink) {
         // (The end's own ESCs come 1 and 3 bytes after its GS.)
         auto starts_end = [&](size_t at) {
             const size_t k = std::min(kWriteEnd.size(), in_.size() - at);
-            return std::equal(kWriteEnd.begin(), kWriteEnd.begin() + static_cast<long>(k), in_.begin() + static_cast<long>(at));
+            return std::equal(kWriteEnd.begin(), kWriteEnd.begin() + static_cast<long>(k),
+                              in_.begin() + static_cast<long>(at));
         };
         for (size_t i = 2; i < in_.size(); ++i) {
             if (in_[i] == kEsc && !(i >= 3 && starts_end(i - 1)) && !(i >= 5 && starts_end(i - 3))) {

@@ -115,11 +115,6 @@ int FrameServer::poll_timeout_ms() const {
     return ms;
 }
 
-bool FrameServer::has_pending() const {
-    std::lock_guard l(m_);
-    return !parser_.empty() || (term_ && term_->pending());
-}
-
 // --- input -----------------------------------------------------------------------------
 
 void FrameServer::on_input(const uint8_t* p, size_t n) {

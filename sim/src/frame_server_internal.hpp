@@ -116,7 +116,6 @@ private:
     void on_timer();
     int poll_timeout_ms() const;
     Outgoing outgoing(const Command& c, const Answer& answer);
-    bool has_pending() const;
     void send(const Outgoing& o);
     void cut_line(Bytes wire, int dead_ms);
     bool write_all(const Bytes& bytes);

@@ -209,7 +209,8 @@ void StripeUnit::complete(Waiting w, Clock::time_point now) {
     StripeCard card = card_of(*w.swipe);
     switch (w.op) {
         case Op::FramedRead:
-            outbox_.push_back(Piece{now, StripeOutput{w.command, Reply{0x00, 0x00, stripe_framed_data(card, style_.no_data_status)}, {}}});
+            outbox_.push_back(Piece{
+                now, StripeOutput{w.command, Reply{0x00, 0x00, stripe_framed_data(card, style_.no_data_status)}, {}}});
             break;
         case Op::Read:
             send_pieces(w.command, stripe_escape_reply(card, w.mode, style_), now);
@@ -242,7 +243,8 @@ void StripeUnit::send_pieces(const Command& c, const Bytes& reply, Clock::time_p
         at += std::chrono::milliseconds(std::max(0, style_.piece_delay_ms));
     }
     if (pos < reply.size())
-        outbox_.push_back(Piece{at, StripeOutput{c, std::nullopt, Bytes(reply.begin() + static_cast<long>(pos), reply.end())}});
+        outbox_.push_back(
+            Piece{at, StripeOutput{c, std::nullopt, Bytes(reply.begin() + static_cast<long>(pos), reply.end())}});
 }
 
 std::vector<StripeOutput> StripeUnit::tick(Clock::time_point now) {
