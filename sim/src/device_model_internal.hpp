@@ -1,6 +1,7 @@
 // The simulated reader's state: the cards in its slots and whether they are
 // powered, the LED, buzzer and contactless-field records, the identity
-// module, and the fixed data of the unit from its profile.
+// module, the magnetic stripe unit, and the fixed data of the unit from its
+// profile.
 //
 // Not thread-safe on its own: the simulator calls it under its lock. The
 // operations that answer a command return the reader's status pair and data.
@@ -15,6 +16,7 @@
 
 #include "kolt_sim/card.hpp"
 #include "kolt_sim/simulator.hpp"
+#include "stripe_unit_internal.hpp"
 
 namespace kolt::sim {
 
@@ -51,6 +53,10 @@ public:
     Reply id_read() const;
     const std::vector<uint8_t>& module_serial() const { return profile_.module_serial; }
 
+    // --- magnetic stripe unit ----------------------------------------------
+    StripeUnit& stripe() { return stripe_; }
+    const StripeUnit& stripe() const { return stripe_; }
+
     // --- unit data --------------------------------------------------------
     // Version bytes for a selector; nullopt for a selector the unit lacks.
     std::optional<std::vector<uint8_t>> version(uint8_t selector) const;
@@ -71,6 +77,7 @@ private:
     std::shared_ptr<Card> contact_, contactless_;
     bool contact_powered_ = false, contactless_powered_ = false;
     std::vector<uint8_t> id_answer_;
+    StripeUnit stripe_;
 };
 
 }  // namespace kolt::sim

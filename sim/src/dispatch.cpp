@@ -1,6 +1,8 @@
 // Command dispatch and the unit's built-in command table.
 #include "dispatch_internal.hpp"
 
+#include <chrono>
+
 #include "device_model_internal.hpp"
 
 namespace kolt::sim {
@@ -122,6 +124,19 @@ void add_identity_commands(Dispatcher& d, DeviceModel& m) {
     d.add_main(0x35, 0x82, [&m](const Command&) { return m.id_read(); }, ReplyForm::Special);
 }
 
+// The magnetic stripe unit: the framed read and the escape sequences. Both
+// are answered later, when a card is swiped (or the read times out).
+void add_stripe_commands(Dispatcher& d, DeviceModel& m) {
+    d.add_main(0x36, 0x91, [&m](const Command& c) -> std::optional<Reply> {  // time-out in seconds
+        m.stripe().framed_read(c, std::chrono::steady_clock::now());
+        return std::nullopt;
+    });
+    d.set_fallback(Framing::Escape, Route{[&m](const Command& c) -> std::optional<Reply> {
+                       m.stripe().escape(c, std::chrono::steady_clock::now());
+                       return std::nullopt;
+                   }});
+}
+
 Handler fixed(Bytes data) {
     return [data = std::move(data)](const Command&) { return std::optional<Reply>(Reply{0x00, 0x00, data}); };
 }
@@ -148,6 +163,7 @@ void add_builtin_commands(Dispatcher& d, DeviceModel& model) {
     add_unit_commands(d, model);
     add_card_commands(d, model);
     add_identity_commands(d, model);
+    add_stripe_commands(d, model);
     add_family_commands(d, model.profile());
     for (const auto& [key, status] : model.profile().status_overrides)
         d.set_status(static_cast<uint8_t>(key >> 8), static_cast<uint8_t>(key & 0xFF), status.first, status.second);

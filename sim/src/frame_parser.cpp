@@ -121,6 +121,81 @@ FrameParser::Parse FrameParser::try_86(size_t& n, Sink& sink, bool idle) {
     return Parse::Complete;
 }
 
+// The stripe reader's escape sequences: ESC "0" (reset); ESC "O" ESC "]",
+// ESC "O" ESC "T" "]", ESC "O" ESC "B" "]" (read track 2, 3, both); ESC "O"
+// alone; ESC "t" data GS ESC "\" ESC "j" (write). Any other ESC is no frame.
+namespace {
+constexpr uint8_t kEsc = 0x1B;
+const Bytes kWriteEnd = {0x1D, kEsc, '\\', kEsc, 'j'};
+constexpr size_t kMaxWrite = 512;
+}  // namespace
+
+void FrameParser::escape(Sink& sink, size_t n) {
+    sink.command(Command{Framing::Escape, kEsc, in_[1], Bytes(in_.begin(), in_.begin() + static_cast<long>(n))});
+}
+
+FrameParser::Parse FrameParser::try_escape(size_t& n, Sink& sink, bool idle) {
+    if (in_.size() < 2) return Parse::NeedMore;
+    switch (in_[1]) {
+        case '0':
+            n = 2;
+            escape(sink, n);
+            return Parse::Complete;
+        case 'O': return try_escape_read(n, sink, idle);
+        case 't': return try_escape_write(n, sink);
+        default: return Parse::NotFrame;
+    }
+}
+
+FrameParser::Parse FrameParser::try_escape_read(size_t& n, Sink& sink, bool idle) {
+    // The track selection: ESC "]", ESC "T" "]" or ESC "B" "]".
+    const size_t have = in_.size();
+    bool whole = false;
+    if (have > 2 && in_[2] == kEsc && have > 3) {
+        if (in_[3] == ']') {
+            n = 4;
+            whole = true;
+        } else if ((in_[3] == 'T' || in_[3] == 'B') && have > 4 && in_[4] == ']') {
+            n = 5;
+            whole = true;
+        } else if ((in_[3] == 'T' || in_[3] == 'B') && have == 4 && !idle) {
+            return Parse::NeedMore;
+        }
+    } else if (have <= 3 && (have == 2 || in_[2] == kEsc) && !idle) {
+        return Parse::NeedMore;
+    }
+    if (!whole) n = 2;  // ESC "O" on its own
+    escape(sink, n);
+    return Parse::Complete;
+}
+
+FrameParser::Parse FrameParser::try_escape_write(size_t& n, Sink& sink) {
+    const auto end = std::search(in_.begin() + 2, in_.end(), kWriteEnd.begin(), kWriteEnd.end());
+    if (end == in_.end()) {
+        // An ESC in the data that does not begin the end: a broken write.
+        // (The end's own ESCs come 1 and 3 bytes after its GS.)
+        auto starts_end = [&](size_t at) {
+            const size_t k = std::min(kWriteEnd.size(), in_.size() - at);
+            return std::equal(kWriteEnd.begin(), kWriteEnd.begin() + static_cast<long>(k),
+                              in_.begin() + static_cast<long>(at));
+        };
+        for (size_t i = 2; i < in_.size(); ++i) {
+            if (in_[i] == kEsc && !(i >= 3 && starts_end(i - 1)) && !(i >= 5 && starts_end(i - 3))) {
+                error(sink, "stripe write without its end", i);
+                return Parse::Bad;
+            }
+        }
+        if (in_.size() > kMaxWrite) {
+            error(sink, "stripe write without its end", in_.size());
+            return Parse::Bad;
+        }
+        return Parse::NeedMore;
+    }
+    n = static_cast<size_t>(end - in_.begin()) + kWriteEnd.size();
+    escape(sink, n);
+    return Parse::Complete;
+}
+
 // Raw rules come first: 1 fired, 0 no match, -1 a trigger has begun.
 int FrameParser::try_raw(Sink& sink) {
     bool partial = false;
@@ -145,6 +220,7 @@ FrameParser::Parse FrameParser::try_frame(size_t& n, Sink& sink, bool idle) {
         case 0x02: return try_main(n, sink);
         case '(': return try_bracket(n, sink);
         case '8': return try_86(n, sink, idle);
+        case 0x1B: return try_escape(n, sink, idle);
         default: return Parse::NotFrame;
     }
 }

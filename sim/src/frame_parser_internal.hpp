@@ -53,6 +53,10 @@ private:
     Parse try_bracket(size_t& n, Sink& sink);
     Parse try_86(size_t& n, Sink& sink, bool idle);
     Parse try_probe(size_t& n, Sink& sink, bool idle);
+    Parse try_escape(size_t& n, Sink& sink, bool idle);
+    Parse try_escape_read(size_t& n, Sink& sink, bool idle);
+    Parse try_escape_write(size_t& n, Sink& sink);
+    void escape(Sink& sink, size_t n);
     int try_raw(Sink& sink);
 
     size_t first_not(size_t from, size_t to, CharTest ok) const;

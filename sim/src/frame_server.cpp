@@ -5,6 +5,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <utility>
@@ -71,7 +72,7 @@ void FrameServer::serve() {
     uint8_t buf[4096];
     while (!stopping_) {
         pollfd pfd[2] = {{pty_.master.get(), POLLIN, 0}, {wake_r_.get(), POLLIN, 0}};
-        const int r = ::poll(pfd, 2, has_pending() ? 25 : 500);
+        const int r = ::poll(pfd, 2, poll_timeout_ms());
         if (stopping_) break;
         if (r < 0) {
             if (errno == EINTR) continue;
@@ -86,6 +87,7 @@ void FrameServer::serve() {
             const ssize_t n = ::read(pty_.master.get(), buf, sizeof buf);
             if (n > 0) {
                 on_input(buf, static_cast<size_t>(n));
+                on_timer();
                 continue;
             }
             std::this_thread::sleep_for(5ms);
@@ -93,12 +95,24 @@ void FrameServer::serve() {
             std::this_thread::sleep_for(10ms);
         }
         on_idle();
+        on_timer();
     }
 }
 
-bool FrameServer::has_pending() const {
+void FrameServer::wake() {
+    const uint8_t b = 1;
+    [[maybe_unused]] auto ignored = ::write(wake_w_.get(), &b, 1);
+}
+
+// Short while a frame is incomplete, and no later than the timer's next event.
+int FrameServer::poll_timeout_ms() const {
     std::lock_guard l(m_);
-    return !parser_.empty() || (term_ && term_->pending());
+    int ms = (!parser_.empty() || (term_ && term_->pending())) ? 25 : 500;
+    if (next_due_ != Clock::time_point::max()) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(next_due_ - Clock::now()).count();
+        ms = static_cast<int>(std::clamp<long long>(left, 0, ms));
+    }
+    return ms;
 }
 
 // --- input -----------------------------------------------------------------------------
@@ -136,6 +150,24 @@ void FrameServer::on_idle() {
     for (const auto& o : out) send(o);
 }
 
+void FrameServer::on_timer() {
+    std::vector<Outgoing> out;
+    {
+        std::lock_guard l(m_);
+        if (!timer_) return;
+        const auto now = Clock::now();
+        if (now < dead_until_) return;
+        for (auto& late : timer_(now, next_due_)) {
+            if (late.answer) {
+                out.push_back(outgoing(late.command, *late.answer));
+            } else {
+                out.push_back(Outgoing{std::move(late.raw), std::nullopt});
+            }
+        }
+    }
+    for (const auto& o : out) send(o);
+}
+
 std::vector<FrameServer::Outgoing> FrameServer::take_replies() { return std::exchange(replies_, {}); }
 
 void FrameServer::log(const std::string& line) const {
@@ -159,13 +191,18 @@ void FrameServer::command(Command c) {
     record(c);
     const std::optional<Answer> answer = dispatch_(c);
     if (!answer) return;
+    replies_.push_back(outgoing(c, *answer));
+}
+
+// The answer to `c` on the wire, with the fault that applies to it.
+FrameServer::Outgoing FrameServer::outgoing(const Command& c, const Answer& answer) {
     Outgoing o;
     o.fault = take_fault(key_of(c.cls, c.code), c);
     Tweak tw;
     if (o.fault && o.fault->kind == Fault::BadCheck) tw.check_xor = 0x01;
     if (o.fault && o.fault->kind == Fault::LengthTooLong) tw.length_extra = 4;
-    o.wire = encode_answer(*answer, tw);
-    replies_.push_back(std::move(o));
+    o.wire = encode_answer(answer, tw);
+    return o;
 }
 
 void FrameServer::raw(const RawRule& rule) {

@@ -28,16 +28,34 @@
 
 namespace kolt::sim {
 
+// Something the unit sends later than the command it answers (the stripe
+// reader answers when a card is swiped): an answer to `command`, encoded and
+// open to faults like any other, or bytes sent as they are.
+struct LateReply {
+    Command command;
+    std::optional<Answer> answer;
+    Bytes raw;
+};
+
 class FrameServer final : private FrameParser::Sink {
 public:
+    using Clock = std::chrono::steady_clock;
     // The reply to a command, nullopt for silence.
     using Dispatch = std::function<std::optional<Answer>(const Command&)>;
+    // Asked under the lock on the server thread: what is due at `now`; sets
+    // `next` to when it has something to send next (max(): nothing).
+    using Timer = std::function<std::vector<LateReply>(Clock::time_point now, Clock::time_point& next)>;
 
     // Opens the pseudo-terminal; throws std::runtime_error on failure.
     FrameServer(const Options& options, Dispatch dispatch);
     ~FrameServer();
     FrameServer(const FrameServer&) = delete;
     FrameServer& operator=(const FrameServer&) = delete;
+
+    // Set before start().
+    void set_timer(Timer timer) { timer_ = std::move(timer); }
+    // Makes the server thread ask the timer again (after its state changed).
+    void wake();
 
     void start();
     void stop();
@@ -70,7 +88,6 @@ public:
     bool keyboard_locked() const;
 
 private:
-    using Clock = std::chrono::steady_clock;
     // A reply ready to go, before the fault is applied to its timing.
     struct Outgoing {
         Bytes wire;
@@ -96,13 +113,16 @@ private:
     void serve();
     void on_input(const uint8_t* p, size_t n);
     void on_idle();
-    bool has_pending() const;
+    void on_timer();
+    int poll_timeout_ms() const;
+    Outgoing outgoing(const Command& c, const Answer& answer);
     void send(const Outgoing& o);
     void cut_line(Bytes wire, int dead_ms);
     bool write_all(const Bytes& bytes);
 
     const bool pace_, verbose_;
     const Dispatch dispatch_;
+    Timer timer_;
 
     mutable std::mutex m_;
     mutable std::condition_variable cv_;
@@ -124,6 +144,7 @@ private:
     std::vector<Outgoing> replies_;  // of the input parsed last
     Clock::time_point last_rx_{};
     Clock::time_point dead_until_{};
+    Clock::time_point next_due_ = Clock::time_point::max();
 };
 
 }  // namespace kolt::sim

@@ -306,7 +306,121 @@ void read_status_overrides(const cJSON* v, DeviceProfile& p) {
     });
 }
 
+// --- the magnetic stripe unit ------------------------------------------------
+
+// Track 2 and 3 text goes into escape replies between "s", "A" and "?" FS.
+void check_track(const std::string& text, const std::string& key, bool escape_track) {
+    for (char ch : text) {
+        const auto c = static_cast<unsigned char>(ch);
+        if (c < 0x20 || c >= 0x7F) fail("\"" + key + "\" holds a control character");
+        if (escape_track && ch == 'A') fail("\"" + key + "\" must not hold \"A\"");
+    }
+}
+
+StripeCard read_stripe_card(const cJSON* v, const std::string& where) {
+    if (!cJSON_IsObject(v)) fail("\"" + where + "\" must be an object of track1, track2, track3");
+    check_keys(v, {"track1", "track2", "track3", "comment"}, where);
+    StripeCard card;
+    auto track = [&](const char* key, std::string& out, bool escape_track) {
+        if (const cJSON* t = cJSON_GetObjectItemCaseSensitive(v, key)) {
+            out = get_string(t, where + "." + key);
+            check_track(out, where + "." + key, escape_track);
+        }
+    };
+    track("track1", card.track1, false);
+    track("track2", card.track2, true);
+    track("track3", card.track3, true);
+    return card;
+}
+
+bool get_bool(const cJSON* item, const std::string& key) {
+    if (!cJSON_IsBool(item)) fail("\"" + key + "\" must be true or false");
+    return cJSON_IsTrue(item);
+}
+
+uint8_t get_byte(const cJSON* item, const std::string& key) {
+    if (cJSON_IsNumber(item)) return static_cast<uint8_t>(get_int(item, key, 0, 255));
+    const auto v = get_hex(item, key);
+    if (v.size() != 1) fail("\"" + key + "\" must be one byte (two hex digits)");
+    return v[0];
+}
+
+// "stripe": {"card": {...}, "card_stays": false, "swipe_delay_ms": 0, "pieces": [..],
+// "piece_delay_ms": 0, "separator": "=", "omit_a": false, "trailer": "..." or {"hex": ".."},
+// "write_fails": false, "write_fail_byte": "41", "no_data_status": "01"}.
+void read_stripe(const cJSON* v, StripeProfile& sp) {
+    if (!cJSON_IsObject(v)) fail("\"stripe\" must be an object");
+    check_keys(v,
+               {"card", "card_stays", "swipe_delay_ms", "pieces", "piece_delay_ms", "separator", "omit_a", "trailer",
+                "write_fails", "write_fail_byte", "no_data_status", "comment"},
+               "stripe");
+    auto get = [&](const char* key) { return cJSON_GetObjectItemCaseSensitive(v, key); };
+    if (const cJSON* c = get("card")) sp.card = read_stripe_card(c, "stripe.card");
+    if (const cJSON* c = get("card_stays")) sp.card_stays = get_bool(c, "stripe.card_stays");
+    if (const cJSON* c = get("swipe_delay_ms"))
+        sp.swipe_delay_ms = static_cast<int>(get_int(c, "stripe.swipe_delay_ms", 0, 600000));
+    if (const cJSON* c = get("pieces")) {
+        if (!cJSON_IsArray(c)) fail("\"stripe.pieces\" must be an array of sizes");
+        sp.style.pieces.clear();
+        const cJSON* it = nullptr;
+        cJSON_ArrayForEach(it, c) sp.style.pieces.push_back(static_cast<size_t>(get_int(it, "stripe.pieces", 1, 4096)));
+    }
+    if (const cJSON* c = get("piece_delay_ms"))
+        sp.style.piece_delay_ms = static_cast<int>(get_int(c, "stripe.piece_delay_ms", 0, 60000));
+    if (const cJSON* c = get("separator")) {
+        const std::string sep = get_string(c, "stripe.separator");
+        if (sep.size() != 1 || std::string("='>|").find(sep[0]) == std::string::npos)
+            fail("\"stripe.separator\" must be one of = ' > |");
+        sp.style.separator = sep[0];
+    }
+    if (const cJSON* c = get("omit_a")) sp.style.omit_a = get_bool(c, "stripe.omit_a");
+    if (const cJSON* c = get("trailer")) sp.style.trailer = bytes_value(c, "stripe.trailer");
+    if (const cJSON* c = get("write_fails")) sp.write_fails = get_bool(c, "stripe.write_fails");
+    if (const cJSON* c = get("write_fail_byte")) sp.style.write_fail_byte = get_byte(c, "stripe.write_fail_byte");
+    if (const cJSON* c = get("no_data_status")) {
+        sp.style.no_data_status = get_byte(c, "stripe.no_data_status");
+        if (sp.style.no_data_status == 0) fail("\"stripe.no_data_status\" must not be 00");
+    }
+}
+
+std::string read_text_file(const std::string& path, const char* what) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw std::runtime_error(std::string(what) + ": cannot open " + path);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
 }  // namespace
+
+StripeCard default_stripe_card() {
+    StripeCard c;
+    c.track1 = "%B6299990000001234560^ZHANG/SAN^3012201100000000000000?";
+    c.track2 = ";6299990000001234560=30122201234567890?";
+    c.track3 = ";996299990000001234560=1560000000000000000000000000000000000003012=0000000000000000000000?";
+    return c;
+}
+
+StripeCard parse_stripe_card(const std::string& json_text) {
+    JsonPtr root(cJSON_Parse(json_text.c_str()), &cJSON_Delete);
+    if (!root) throw std::runtime_error("stripe card: not valid JSON");
+    try {
+        return read_stripe_card(root.get(), "the card");
+    } catch (const std::runtime_error& e) {
+        std::string what = e.what();
+        if (what.rfind("device profile: ", 0) == 0) what.replace(0, 16, "stripe card: ");
+        throw std::runtime_error(what);
+    }
+}
+
+StripeCard load_stripe_card(const std::string& path) {
+    const std::string text = read_text_file(path, "stripe card");
+    try {
+        return parse_stripe_card(text);
+    } catch (const std::runtime_error& e) {
+        throw std::runtime_error(std::string(e.what()) + " (" + path + ")");
+    }
+}
 
 std::vector<uint8_t> make_id_answer(std::span<const uint8_t> text, std::span<const uint8_t> photo) {
     std::vector<uint8_t> a;
@@ -332,6 +446,7 @@ DeviceProfile default_profile() {
     p.versions[4] = text_bytes("KL560T41-FW-20240115-V1.08");
     p.module_serial = serial_from_fields(1, 2, 20230915, 1234567, 89012345);
     p.id_answer = make_id_answer(default_id_text(), default_photo());
+    p.stripe.card = default_stripe_card();
     return p;
 }
 
@@ -342,7 +457,7 @@ DeviceProfile parse_device_profile(const std::string& json_text) {
     const cJSON* r = root.get();
     check_keys(r,
                {"name", "family", "greeting", "disconnect", "legacy86_reply", "versions", "module_serial",
-                "identity_card", "unknown_reply", "status_overrides", "comment"},
+                "identity_card", "unknown_reply", "status_overrides", "stripe", "comment"},
                "the profile");
     DeviceProfile p = default_profile();
     auto get = [&](const char* key) { return cJSON_GetObjectItemCaseSensitive(r, key); };
@@ -357,16 +472,14 @@ DeviceProfile parse_device_profile(const std::string& json_text) {
     if (const cJSON* v = get("identity_card")) read_identity(v, p);
     if (const cJSON* v = get("unknown_reply")) p.unknown_reply = read_unknown_reply(v);
     if (const cJSON* v = get("status_overrides")) read_status_overrides(v, p);
+    if (const cJSON* v = get("stripe")) read_stripe(v, p.stripe);
     return p;
 }
 
 DeviceProfile load_device_profile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw std::runtime_error("device profile: cannot open " + path);
-    std::ostringstream ss;
-    ss << in.rdbuf();
+    const std::string text = read_text_file(path, "device profile");
     try {
-        return parse_device_profile(ss.str());
+        return parse_device_profile(text);
     } catch (const std::runtime_error& e) {
         throw std::runtime_error(std::string(e.what()) + " (" + path + ")");
     }

@@ -2,9 +2,12 @@
 // and the frame server put together, behind one lock.
 #include "kolt_sim/simulator.hpp"
 
+#include <chrono>
+
 #include "device_model_internal.hpp"
 #include "dispatch_internal.hpp"
 #include "frame_server_internal.hpp"
+#include "stripe_unit_internal.hpp"
 
 namespace kolt::sim {
 
@@ -15,6 +18,7 @@ const char* framing_name(Framing f) {
         case Framing::Legacy86: return "legacy86";
         case Framing::Probe: return "probe";
         case Framing::Raw: return "raw";
+        case Framing::Escape: return "escape";
     }
     return "?";
 }
@@ -29,6 +33,31 @@ struct Simulator::Impl {
     explicit Impl(const Options& opt)
         : model(opt.profile), server(opt, [this](const Command& c) { return dispatcher.dispatch(c); }) {
         add_builtin_commands(dispatcher, model);
+        server.set_timer([this](FrameServer::Clock::time_point now, FrameServer::Clock::time_point& next) {
+            std::vector<LateReply> out;
+            for (auto& o : model.stripe().tick(now)) {
+                LateReply late{std::move(o.command), std::nullopt, std::move(o.raw)};
+                if (o.framed) late.answer = Answer{ReplyForm::Main, std::move(*o.framed), 0};
+                out.push_back(std::move(late));
+            }
+            next = model.stripe().next_due();
+            return out;
+        });
+    }
+
+    // Changes the stripe unit under the lock, then has the server look at it.
+    template <typename F>
+    void stripe(F&& f) {
+        {
+            auto l = server.lock();
+            f(model.stripe(), std::chrono::steady_clock::now());
+        }
+        server.wake();
+    }
+    template <typename F>
+    auto stripe_read(F&& f) const {
+        auto l = server.lock();
+        return f(model.stripe());
     }
 };
 
@@ -136,6 +165,62 @@ void Simulator::add_raw_rule(std::vector<uint8_t> trigger, std::vector<uint8_t> 
 void Simulator::clear_raw_rules() { impl_->server.clear_raw_rules(); }
 
 void Simulator::write_raw(std::span<const uint8_t> bytes) { impl_->server.write_raw(bytes); }
+
+// --- magnetic stripe unit ------------------------------------------------------------
+
+using SteadyTime = std::chrono::steady_clock::time_point;
+
+void Simulator::swipe(StripeCard card, int after_ms) {
+    impl_->stripe([&](StripeUnit& s, SteadyTime now) { s.swipe(std::move(card), after_ms, now); });
+}
+
+void Simulator::swipe_again(int after_ms) {
+    impl_->stripe([&](StripeUnit& s, SteadyTime now) { s.swipe_again(after_ms, now); });
+}
+
+void Simulator::no_swipe() {
+    impl_->stripe([](StripeUnit& s, SteadyTime) { s.no_swipe(); });
+}
+
+void Simulator::set_stripe_card(std::optional<StripeCard> card, int after_ms) {
+    impl_->stripe([&](StripeUnit& s, SteadyTime now) { s.set_card(std::move(card), after_ms, now); });
+}
+
+void Simulator::set_stripe_style(StripeStyle style) {
+    impl_->stripe([&](StripeUnit& s, SteadyTime) { s.set_style(std::move(style)); });
+}
+
+StripeStyle Simulator::stripe_style() const {
+    return impl_->stripe_read([](const StripeUnit& s) { return s.style(); });
+}
+
+void Simulator::set_stripe_write_fails(bool fails) {
+    impl_->stripe([&](StripeUnit& s, SteadyTime) { s.set_write_fails(fails); });
+}
+
+std::vector<std::vector<uint8_t>> Simulator::stripe_commands() const {
+    return impl_->stripe_read([](const StripeUnit& s) { return s.commands(); });
+}
+
+void Simulator::clear_stripe_commands() {
+    impl_->stripe([](StripeUnit& s, SteadyTime) { s.clear_commands(); });
+}
+
+int Simulator::stripe_resets() const {
+    return impl_->stripe_read([](const StripeUnit& s) { return s.resets(); });
+}
+
+std::optional<StripeCard> Simulator::stripe_card() const {
+    return impl_->stripe_read([](const StripeUnit& s) { return s.card(); });
+}
+
+bool Simulator::stripe_waiting() const {
+    return impl_->stripe_read([](const StripeUnit& s) { return s.waiting(); });
+}
+
+size_t Simulator::stripe_swipes_queued() const {
+    return impl_->stripe_read([](const StripeUnit& s) { return s.queued(); });
+}
 
 // --- terminal mode -------------------------------------------------------------------
 

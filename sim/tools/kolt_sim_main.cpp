@@ -1,15 +1,19 @@
 // kolt-sim: serves a simulated KL560T41 reader on a pseudo-terminal until
 // interrupted. See sim/README.md.
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
 #include <optional>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "kolt_sim/card.hpp"
 #include "kolt_sim/simulator.hpp"
@@ -17,8 +21,10 @@
 namespace {
 
 volatile sig_atomic_t g_stop = 0;
+volatile sig_atomic_t g_swipes = 0;  // SIGUSR1s not yet turned into swipes
 
 void on_signal(int) { g_stop = 1; }
+void on_swipe_signal(int) { g_swipes = g_swipes + 1; }
 
 void usage(std::FILE* to) {
     std::fputs(
@@ -32,6 +38,11 @@ void usage(std::FILE* to) {
         "  --pace                   send at the pace of a 9600 baud line\n"
         "  --verbose                log every decoded command to stderr\n"
         "  --port-file PATH         write the gPortName value into PATH\n"
+        "  --stripe-card FILE       the stripe card (JSON) a swipe by hand uses\n"
+        "  --stripe-stays           the stripe card stays: every read is answered with it\n"
+        "  --interactive            read commands (swipe, status, help) from standard input;\n"
+        "                           the default when standard input is a terminal\n"
+        "  --no-interactive         do not read standard input\n"
         "  --help                   this text\n",
         to);
 }
@@ -41,6 +52,7 @@ struct Args {
     kolt::sim::Options opt;
     std::string contact_file, contactless_file, port_file;
     bool no_id_card = false;
+    std::optional<bool> interactive;  // unset: when standard input is a terminal
 };
 
 // Takes the option argv[i] (and argv[i + 1] as its value when it has one).
@@ -75,6 +87,14 @@ std::optional<int> take_option(int argc, char** argv, int& i, Args& args) {
         args.opt.verbose = true;
     } else if (a == "--port-file") {
         args.port_file = value();
+    } else if (a == "--stripe-card") {
+        args.opt.profile.stripe.card = kolt::sim::load_stripe_card(value());
+    } else if (a == "--stripe-stays") {
+        args.opt.profile.stripe.card_stays = true;
+    } else if (a == "--interactive") {
+        args.interactive = true;
+    } else if (a == "--no-interactive") {
+        args.interactive = false;
     } else if (a == "--help" || a == "-h") {
         usage(stdout);
         return 0;
@@ -106,6 +126,159 @@ void install_signal_handlers() {
     sigemptyset(&sa.sa_mask);
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
+    sa.sa_handler = on_swipe_signal;
+    sigaction(SIGUSR1, &sa, nullptr);
+    // Started in the background of a shell, a read of the terminal fails
+    // instead of stopping the program.
+    sa.sa_handler = SIG_IGN;
+    sigaction(SIGTTIN, &sa, nullptr);
+}
+
+// --- the prompt ------------------------------------------------------------------
+
+const char kPromptHelp[] =
+    "commands:\n"
+    "  swipe [TRACK2 [TRACK3]]  swipe the profile's card, or a card with these tracks\n"
+    "                           (\"-\" for a track without data)\n"
+    "  swipe-empty              swipe a card with nothing on it\n"
+    "  swipe-again              swipe the card last read or written once more\n"
+    "  card-stays on|off        the profile's card stays and answers every read\n"
+    "  no-swipe                 forget the swipes not taken yet\n"
+    "  write-fails on|off       writes to the card fail\n"
+    "  status                   what the stripe reader is doing\n"
+    "  help                     this text\n"
+    "  quit                     stop the simulator\n";
+
+std::string show_card(const std::optional<kolt::sim::StripeCard>& c) {
+    if (!c) return "none";
+    auto t = [](const std::string& s) { return s.empty() ? std::string("-") : s; };
+    return "track1 " + t(c->track1) + ", track2 " + t(c->track2) + ", track3 " + t(c->track3);
+}
+
+std::string printable(const std::vector<uint8_t>& bytes) {
+    std::string out;
+    char buf[8];
+    for (uint8_t c : bytes) {
+        if (c == 0x1B) {
+            out += "ESC";
+        } else if (c >= 0x20 && c < 0x7F) {
+            out.push_back(static_cast<char>(c));
+        } else {
+            std::snprintf(buf, sizeof buf, "\\x%02X", c);
+            out += buf;
+        }
+    }
+    return out;
+}
+
+bool on_off(const std::string& word, bool& value) {
+    if (word == "on") value = true;
+    else if (word == "off") value = false;
+    else return false;
+    return true;
+}
+
+// Carries out one command line; false on "quit".
+bool prompt_command(kolt::sim::Simulator& sim, const kolt::sim::StripeProfile& stripe, const std::string& line) {
+    std::istringstream in(line);
+    std::vector<std::string> w;
+    for (std::string word; in >> word;) w.push_back(word);
+    if (w.empty()) return true;
+    const std::string& cmd = w[0];
+    bool flag = false;
+    if (cmd == "swipe") {
+        kolt::sim::StripeCard card = stripe.card;
+        if (w.size() > 1) {
+            card = {};
+            card.track2 = w[1] == "-" ? "" : w[1];
+            if (w.size() > 2) card.track3 = w[2] == "-" ? "" : w[2];
+        }
+        sim.swipe(card);
+        std::printf("swiped: %s\n", show_card(card).c_str());
+    } else if (cmd == "swipe-empty") {
+        sim.swipe(kolt::sim::StripeCard{});
+        std::printf("swiped: an empty card\n");
+    } else if (cmd == "swipe-again") {
+        sim.swipe_again();
+        std::printf("swiped again: %s\n", show_card(sim.stripe_card()).c_str());
+    } else if (cmd == "card-stays" && w.size() == 2 && on_off(w[1], flag)) {
+        if (flag) sim.set_stripe_card(stripe.card, stripe.swipe_delay_ms);
+        else sim.set_stripe_card(std::nullopt);
+        std::printf("card stays: %s\n", flag ? "on" : "off");
+    } else if (cmd == "no-swipe") {
+        sim.no_swipe();
+        std::printf("no swipes queued\n");
+    } else if (cmd == "write-fails" && w.size() == 2 && on_off(w[1], flag)) {
+        sim.set_stripe_write_fails(flag);
+        std::printf("write fails: %s\n", flag ? "on" : "off");
+    } else if (cmd == "status") {
+        const auto cmds = sim.stripe_commands();
+        std::printf("waiting for a swipe: %s\nswipes queued: %zu\ncard in the reader: %s\nresets: %d\n",
+                    sim.stripe_waiting() ? "yes" : "no", sim.stripe_swipes_queued(),
+                    show_card(sim.stripe_card()).c_str(), sim.stripe_resets());
+        std::printf("escape commands: %zu%s%s\n", cmds.size(), cmds.empty() ? "" : ", last ",
+                    cmds.empty() ? "" : printable(cmds.back()).c_str());
+    } else if (cmd == "help" || cmd == "?") {
+        std::fputs(kPromptHelp, stdout);
+    } else if (cmd == "quit" || cmd == "exit") {
+        return false;
+    } else {
+        std::printf("unknown command: %s (try help)\n", line.c_str());
+    }
+    std::fflush(stdout);
+    return true;
+}
+
+// Turns the SIGUSR1s that came into swipes of the profile's card.
+void swipe_on_signal(kolt::sim::Simulator& sim, const kolt::sim::StripeProfile& stripe) {
+    while (g_swipes > 0) {
+        g_swipes = g_swipes - 1;
+        sim.swipe(stripe.card);
+    }
+}
+
+// Serves until a signal ends it, reading commands from standard input when
+// `interactive`; end of input leaves the simulator serving.
+void run(kolt::sim::Simulator& sim, const kolt::sim::StripeProfile& stripe, bool interactive) {
+    const bool tty = ::isatty(0) != 0;
+    std::string pending;
+    auto prompt = [&] {
+        if (tty) {
+            std::printf("kolt-sim> ");
+            std::fflush(stdout);
+        }
+    };
+    if (interactive) prompt();
+    while (g_stop == 0) {
+        swipe_on_signal(sim, stripe);
+        if (!interactive) {
+            ::poll(nullptr, 0, 200);  // a signal cuts it short
+            continue;
+        }
+        pollfd p{0, POLLIN, 0};
+        const int r = ::poll(&p, 1, 200);
+        if (r <= 0 || (p.revents & (POLLIN | POLLHUP)) == 0) continue;
+        char buf[256];
+        const ssize_t n = ::read(0, buf, sizeof buf);
+        if (n == 0 || (n < 0 && errno != EINTR && errno != EAGAIN && errno != EIO)) {
+            interactive = false;  // end of input: serve on
+            continue;
+        }
+        if (n < 0) {
+            if (errno == EIO) ::poll(nullptr, 0, 500);  // in the background of a shell
+            continue;
+        }
+        pending.append(buf, static_cast<size_t>(n));
+        for (auto nl = pending.find('\n'); nl != std::string::npos; nl = pending.find('\n')) {
+            const std::string line = pending.substr(0, nl);
+            pending.erase(0, nl + 1);
+            if (!prompt_command(sim, stripe, line)) {
+                g_stop = 1;
+                break;
+            }
+            prompt();
+        }
+    }
 }
 
 bool write_port_file(const std::string& path, const std::string& port_name) {
@@ -130,7 +303,7 @@ int serve(const Args& args) {
     if (!args.port_file.empty() && !write_port_file(args.port_file, sim.port_name())) return 1;
     std::printf("kolt-sim: serving %s (gPortName=%s)\n", sim.slave_path().c_str(), sim.port_name().c_str());
     std::fflush(stdout);
-    while (g_stop == 0) ::pause();
+    run(sim, args.opt.profile.stripe, args.interactive.value_or(::isatty(0) != 0));
     sim.stop();
     for (const auto& e : sim.terminal_errors()) std::fprintf(stderr, "kolt-sim: terminal: %s\n", e.c_str());
     return 0;

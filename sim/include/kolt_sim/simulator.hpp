@@ -31,6 +31,7 @@ enum class Framing {
     Legacy86,  // 0x86 family, nibble characters
     Probe,     // the 20-character device-family probe
     Raw,       // bytes outside any frame that matched a raw rule
+    Escape,    // the stripe reader's escape sequences (ESC ...), unframed
 };
 
 const char* framing_name(Framing f);
@@ -41,6 +42,8 @@ const char* framing_name(Framing f);
 //   Legacy86: cls = 0x86, code = the command byte, data = empty.
 //   Probe:    cls = 0, code = 0, data = empty.
 //   Raw:      cls = 0, code = 0, data = the trigger bytes of the rule.
+//   Escape:   cls = 0x1B, code = the letter after ESC ('O' read, 't' write,
+//             '0' reset), data = the whole sequence as received.
 struct Command {
     Framing framing = Framing::Main;
     uint8_t cls = 0;
@@ -77,6 +80,56 @@ struct LedState {
     uint8_t mode = 0;   // 0 off, 1 on, 2 flashing
 };
 
+// A magnetic-stripe card: the text of its three tracks as the stripe holds
+// it, e.g. track 2 ";6299990000001234560=30122201234567890?". The start
+// sentinel (";", "%" on track 1) and the end sentinel "?" may be left out;
+// the framed read sends the tracks with them, the escape read without. An
+// empty string: no data on that track.
+struct StripeCard {
+    std::string track1, track2, track3;
+    bool operator==(const StripeCard&) const = default;
+};
+
+// How the stripe unit words its answers to the escape sequences (and its
+// status bytes). See sim/README.md for the exact bytes.
+struct StripeStyle {
+    // The reply goes out in pieces: the first pieces have these sizes, the
+    // last one takes the rest; piece_delay_ms between two pieces. Empty: the
+    // reply is sent at once.
+    std::vector<size_t> pieces;
+    int piece_delay_ms = 0;
+    // Field separator of track 2 and 3 text in escape replies: the reader
+    // sends this in place of "=" ('=', '\'', '>' or '|').
+    char separator = '=';
+    // Mode 23 (tracks 2 and 3): no "A" between the two tracks.
+    bool omit_a = false;
+    // Bytes sent after the first "?" FS of a read reply, e.g. "12?\x1C".
+    std::vector<uint8_t> trailer;
+    // Last byte of the write status when the write fails (success: 'p').
+    uint8_t write_fail_byte = 0x41;
+    // Status of a track without data in the framed read reply (non-zero).
+    uint8_t no_data_status = 0x01;
+};
+
+// The stripe unit's part of a profile.
+struct StripeProfile {
+    // The card a swipe by hand uses (kolt-sim prompt, SIGUSR1).
+    StripeCard card;
+    // Whether `card` stays in the reader and answers every read command
+    // swipe_delay_ms after it arrives (set_stripe_card).
+    bool card_stays = false;
+    int swipe_delay_ms = 0;
+    StripeStyle style;
+    bool write_fails = false;
+};
+
+// The built-in demonstration card of the stripe unit.
+StripeCard default_stripe_card();
+// A stripe card from JSON: {"track1": "...", "track2": "...", "track3": "..."},
+// every key optional. Throws std::runtime_error on bad input.
+StripeCard parse_stripe_card(const std::string& json_text);
+StripeCard load_stripe_card(const std::string& path);
+
 // Static description of the simulated unit. Built in (default_profile())
 // or read from a JSON file (see sim/README.md and sim/profiles/).
 struct DeviceProfile {
@@ -105,6 +158,8 @@ struct DeviceProfile {
     std::optional<Reply> unknown_reply = Reply{0x00, 0x01, {}};
     // Fixed status pairs for individual main-frame commands, key cls << 8 | code.
     std::map<uint16_t, std::pair<uint8_t, uint8_t>> status_overrides;
+    // The magnetic stripe unit.
+    StripeProfile stripe;
 };
 
 // The built-in profile (the same as sim/profiles/default.json).
@@ -221,6 +276,36 @@ public:
     void clear_raw_rules();
     // Sends bytes to the host as they are (terminal-mode unwrapped).
     void write_raw(std::span<const uint8_t> bytes);
+
+    // --- magnetic stripe unit ---------------------------------------------
+    // A read or write command (framed 36 91, or escape) waits for a swipe.
+    // swipe() queues a card: it is swiped after_ms after the next stripe
+    // command arrives, or after_ms from now when a command is waiting
+    // already. Swipes are taken in the order given, one per command.
+    void swipe(StripeCard card, int after_ms = 0);
+    // Swipes the card in the reader's memory (stripe_card()) again, e.g. to
+    // read back what a write left on it.
+    void swipe_again(int after_ms = 0);
+    // Forgets the queued swipes and the staying card: a waiting command
+    // stays unanswered (the host times out).
+    void no_swipe();
+    // A card that stays: every read or write command is answered after_ms
+    // after it arrives with this card (a write changes it). nullopt: none.
+    void set_stripe_card(std::optional<StripeCard> card, int after_ms = 0);
+    void set_stripe_style(StripeStyle style);
+    StripeStyle stripe_style() const;
+    void set_stripe_write_fails(bool fails);
+    // The escape sequences received, in order, ESC "0" included.
+    std::vector<std::vector<uint8_t>> stripe_commands() const;
+    void clear_stripe_commands();
+    // How many resets (ESC "0") came.
+    int stripe_resets() const;
+    // The card last swiped, as a write left it; nullopt before any swipe.
+    std::optional<StripeCard> stripe_card() const;
+    // Whether a command is waiting for a swipe.
+    bool stripe_waiting() const;
+    // Swipes queued and not yet taken.
+    size_t stripe_swipes_queued() const;
 
     // --- terminal mode --------------------------------------------------
     // Every sequence the terminal did not expect, in order, as readable text.
