@@ -190,6 +190,8 @@ TEST_F(StripeEscapeTest, WriteThenReadBack) {
     const std::string t2 = "6299990000009876543=29122201234567890";
     const std::string t3 = "990000123456789012=15615600000000";
     EXPECT_EQ(KOLT_MC_Write(0, 1, 23, t2.c_str(), t3.c_str(), 5), 0);
+    // The reset after the write may still be on its way.
+    EXPECT_TRUE(kolt::test::wait_until([&] { return sim().stripe_commands().size() >= 2; }));
     const auto cmds = sim().stripe_commands();
     ASSERT_GE(cmds.size(), 2u);
     EXPECT_EQ(std::string(cmds[0].begin(), cmds[0].end()), "\x1Bt" + t2 + "A" + t3 + "\x1D\x1B\\\x1Bj");

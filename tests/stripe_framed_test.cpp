@@ -59,20 +59,35 @@ TEST_F(StripeFramedTest, ThreeTracksWithTheLedAround) {
 }
 
 TEST_F(StripeFramedTest, TrackWithoutDataHasItsStatusAndNoLength) {
-    sim().swipe(StripeCard{"", kT2, ""});
+    sim().swipe(StripeCard{"", kT2, kT3});
     std::vector<uint8_t> t1(KOLT_T41_REPLY_MAX, 0), t2(KOLT_T41_REPLY_MAX, 0), t3(KOLT_T41_REPLY_MAX, 0);
     EXPECT_EQ(KOLT_T41_MC_ReadThreeTrackData(t1.data(), t2.data(), t3.data(), 5), 0);
     EXPECT_NE(t1[0], 0);
     EXPECT_EQ(t1[1] << 8 | t1[2], 0);
     EXPECT_EQ(track_data(t2), kT2);
+    EXPECT_EQ(track_data(t3), kT3);
+}
+
+TEST_F(StripeFramedTest, ThirdStatusIsAlsoTheHighByteOfTheFirstLength) {
+    // Without track 3 the reader's third status (01) is read as the high
+    // byte of track 1's length as well: the offsets are kept as they are.
+    sim().swipe(StripeCard{"", kT2, ""});
+    std::vector<uint8_t> t1(KOLT_T41_REPLY_MAX, 0), t2(KOLT_T41_REPLY_MAX, 0), t3(KOLT_T41_REPLY_MAX, 0);
+    EXPECT_EQ(KOLT_T41_MC_ReadThreeTrackData(t1.data(), t2.data(), t3.data(), 5), 0);
+    EXPECT_EQ(t3[0], 0x01);
+    EXPECT_EQ(t1[1], 0x01);
+    EXPECT_EQ(t1[1] << 8 | t1[2], 0x0100);
+    // Track 1's 256 bytes take what the reply holds (track 2 included).
+    EXPECT_EQ(std::string(t1.begin() + 3, t1.begin() + 3 + static_cast<long>(kT2.size())), kT2);
 }
 
 TEST_F(StripeFramedTest, NoSwipeGivesTheReadTimeOut) {
     sim().no_swipe();
     std::vector<uint8_t> t1(KOLT_T41_REPLY_MAX, 0), t2(KOLT_T41_REPLY_MAX, 0), t3(KOLT_T41_REPLY_MAX, 0);
-    EXPECT_EQ(KOLT_T41_MC_ReadThreeTrackData(t1.data(), t2.data(), t3.data(), 0), MC_Read_Timeout);
+    // The reader answers its time-out status once the second has passed.
+    EXPECT_EQ(KOLT_T41_MC_ReadThreeTrackData(t1.data(), t2.data(), t3.data(), 1), MC_Read_Timeout);
     std::vector<uint8_t> reply(KOLT_T41_REPLY_MAX, 0);
-    EXPECT_EQ(KOLT_T41_MC_ReadData(reply.data(), 0), MC_Read_Timeout);
+    EXPECT_EQ(KOLT_T41_MC_ReadData(reply.data(), 1), MC_Read_Timeout);
 }
 
 TEST_F(StripeFramedTest, ReadDataGivesTheWholeReply) {
