@@ -80,19 +80,7 @@ void spawn(Child& c, std::vector<std::string> args) {
     c.out = from[0];
 }
 
-// One line of the child's output, waiting at most 3 s.
-std::string read_line(int fd) {
-    std::string s;
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-    while (std::chrono::steady_clock::now() < end) {
-        pollfd p{fd, POLLIN, 0};
-        if (::poll(&p, 1, 100) <= 0) continue;
-        char ch = 0;
-        if (::read(fd, &ch, 1) != 1 || ch == '\n') break;
-        s.push_back(ch);
-    }
-    return s;
-}
+using kolt::test::read_line;
 
 // Starts the program and returns the slave path it serves.
 std::string start(Child& c, std::vector<std::string> extra) {

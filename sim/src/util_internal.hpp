@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "kolt_sim/simulator.hpp"
+
 namespace kolt::sim {
 
 // Hex digits, blanks ignored; nullopt on an odd count or a foreign character.
@@ -15,7 +17,6 @@ std::optional<std::vector<uint8_t>> parse_hex(std::string_view text);
 std::optional<long> parse_number(std::string_view text);
 // Upper-case hex with blanks between bytes.
 std::string hex_dump(const std::vector<uint8_t>& bytes);
-// Readable form of escape sequences: ESC for 0x1B, \xNN for other controls.
-std::string printable(std::string_view bytes);
+// printable() is declared in kolt_sim/simulator.hpp.
 
 }  // namespace kolt::sim

@@ -155,21 +155,6 @@ std::string show_card(const std::optional<kolt::sim::StripeCard>& c) {
     return "track1 " + t(c->track1) + ", track2 " + t(c->track2) + ", track3 " + t(c->track3);
 }
 
-std::string printable(const std::vector<uint8_t>& bytes) {
-    std::string out;
-    char buf[8];
-    for (uint8_t c : bytes) {
-        if (c == 0x1B) {
-            out += "ESC";
-        } else if (c >= 0x20 && c < 0x7F) {
-            out.push_back(static_cast<char>(c));
-        } else {
-            std::snprintf(buf, sizeof buf, "\\x%02X", c);
-            out += buf;
-        }
-    }
-    return out;
-}
 
 bool on_off(const std::string& word, bool& value) {
     if (word == "on") value = true;
@@ -217,7 +202,7 @@ bool prompt_command(kolt::sim::Simulator& sim, const kolt::sim::StripeProfile& s
                     sim.stripe_waiting() ? "yes" : "no", sim.stripe_swipes_queued(),
                     show_card(sim.stripe_card()).c_str(), sim.stripe_resets());
         std::printf("escape commands: %zu%s%s\n", cmds.size(), cmds.empty() ? "" : ", last ",
-                    cmds.empty() ? "" : printable(cmds.back()).c_str());
+                    cmds.empty() ? "" : kolt::sim::printable(std::string_view(reinterpret_cast<const char*>(cmds.back().data()), cmds.back().size())).c_str());
     } else if (cmd == "help" || cmd == "?") {
         std::fputs(kPromptHelp, stdout);
     } else if (cmd == "quit" || cmd == "exit") {

@@ -4,12 +4,14 @@
 
 #include "support/log.hpp"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -131,6 +133,19 @@ std::string to_hex(const uint8_t* data, size_t n) {
         out += b;
     }
     return out;
+}
+
+std::string read_line(int fd) {
+    std::string s;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    while (std::chrono::steady_clock::now() < end) {
+        pollfd p{fd, POLLIN, 0};
+        if (::poll(&p, 1, 100) <= 0) continue;
+        char ch = 0;
+        if (::read(fd, &ch, 1) != 1 || ch == '\n') break;
+        s.push_back(ch);
+    }
+    return s;
 }
 
 }  // namespace kolt::test

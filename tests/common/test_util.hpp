@@ -118,6 +118,10 @@ private:
 };
 
 std::vector<uint8_t> bytes(std::initializer_list<int> values);
+
+// One line of a child program's output on fd (without its newline), waiting
+// at most 3 s for it.
+std::string read_line(int fd);
 std::vector<uint8_t> from_hex(const std::string& hex);  // blanks ignored
 std::string to_hex(const uint8_t* data, size_t n);       // upper case, no blanks
 inline std::string to_hex(const std::vector<uint8_t>& v) { return to_hex(v.data(), v.size()); }

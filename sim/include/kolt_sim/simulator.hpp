@@ -18,6 +18,7 @@
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kolt_sim/card.hpp"
@@ -35,6 +36,10 @@ enum class Framing {
 };
 
 const char* framing_name(Framing f);
+
+// Bytes as readable text for logs and prompts: ESC as "ESC", other control
+// and high bytes as \xNN.
+std::string printable(std::string_view bytes);
 
 // One decoded command.
 //   Main:     cls/code as sent, data = the data field.
