@@ -9,6 +9,8 @@
 #include <set>
 #include <sstream>
 
+#include "idcard_internal.hpp"
+#include "kolt_sim/idcard.hpp"
 #include "kolt_sim/simulator.hpp"
 #include "util_internal.hpp"
 
@@ -30,84 +32,6 @@ std::vector<uint8_t> serial_from_fields(uint32_t a, uint32_t b, uint32_t c, uint
     put_le(s, d, 4);
     put_le(s, e, 4);
     return s;
-}
-
-// UTF-8 text to UCS-2 little-endian (characters outside the BMP become "?").
-std::vector<uint8_t> ucs2le(std::string_view utf8) {
-    std::vector<uint8_t> out;
-    size_t i = 0;
-    while (i < utf8.size()) {
-        const auto c = static_cast<uint8_t>(utf8[i]);
-        uint32_t cp = '?';
-        size_t n = 1;
-        if (c < 0x80) {
-            cp = c;
-        } else if ((c & 0xE0) == 0xC0) {
-            n = 2;
-        } else if ((c & 0xF0) == 0xE0) {
-            n = 3;
-        } else if ((c & 0xF8) == 0xF0) {
-            n = 4;
-        }
-        if (n > 1) {
-            if (i + n > utf8.size()) throw std::runtime_error("bad UTF-8 text");
-            cp = c & (0x7F >> n);
-            for (size_t k = 1; k < n; ++k) {
-                const auto cc = static_cast<uint8_t>(utf8[i + k]);
-                if ((cc & 0xC0) != 0x80) throw std::runtime_error("bad UTF-8 text");
-                cp = (cp << 6) | (cc & 0x3F);
-            }
-            if (cp > 0xFFFF) cp = '?';
-        }
-        out.push_back(static_cast<uint8_t>(cp & 0xFF));
-        out.push_back(static_cast<uint8_t>(cp >> 8));
-        i += n;
-    }
-    return out;
-}
-
-// Writes a UCS-2LE field, blank-padded, into the 256-byte text block.
-void put_field(std::vector<uint8_t>& text, size_t offset, size_t size, std::string_view utf8) {
-    if (offset + size > text.size()) throw std::runtime_error("identity card field outside the text block");
-    const auto enc = ucs2le(utf8);
-    if (enc.size() > size) throw std::runtime_error("identity card field too long: " + std::string(utf8));
-    for (size_t i = 0; i < size; i += 2) {
-        text[offset + i] = 0x20;
-        if (i + 1 < size) text[offset + i + 1] = 0x00;
-    }
-    std::copy(enc.begin(), enc.end(), text.begin() + static_cast<long>(offset));
-}
-
-std::vector<uint8_t> default_photo() {
-    std::vector<uint8_t> p(1024);
-    for (size_t i = 0; i < p.size(); ++i) p[i] = static_cast<uint8_t>((i * 7 + 0x57) & 0xFF);
-    return p;
-}
-
-struct FieldDef {
-    const char* key;
-    size_t offset, size;
-};
-// The resident identity card's text layout.
-constexpr FieldDef kIdFields[] = {
-    {"name", 0, 30},       {"sex", 30, 2},         {"nation", 32, 4},     {"birth", 36, 16},
-    {"address", 52, 70},   {"number", 122, 36},    {"authority", 158, 30}, {"valid_from", 188, 16},
-    {"valid_to", 204, 16},
-};
-
-std::vector<uint8_t> default_id_text() {
-    std::vector<uint8_t> text(256, 0);
-    put_field(text, 0, 256, "");
-    put_field(text, 0, 30, "张三");
-    put_field(text, 30, 2, "1");
-    put_field(text, 32, 4, "01");
-    put_field(text, 36, 16, "19800101");
-    put_field(text, 52, 70, "北京市东城区测试路1号");
-    put_field(text, 122, 36, "110101198001010014");
-    put_field(text, 158, 30, "北京市公安局东城分局");
-    put_field(text, 188, 16, "20200101");
-    put_field(text, 204, 16, "20400101");
-    return text;
 }
 
 // --- JSON helpers -------------------------------------------------------------
@@ -185,16 +109,21 @@ long entry_int(const cJSON* entry, const char* key, long lo, long hi) {
     return get_int(cJSON_GetObjectItemCaseSensitive(entry, key), key, lo, hi);
 }
 
-// "fields": {"name": "...", ...} written at the layout's places.
+// "fields": {"layout": "id", "name": "...", ...} written at the layout's
+// places ("I" and "J" fields also write the card type).
 void apply_named_fields(const cJSON* f, std::vector<uint8_t>& text) {
     if (!cJSON_IsObject(f)) fail("\"identity_card.fields\" must be an object");
-    if (text.size() < 256) text.resize(256, 0);
+    if (text.size() < kIdTextSize) text.resize(kIdTextSize, 0);
+    std::string layout = "id";
+    if (const cJSON* l = cJSON_GetObjectItemCaseSensitive(f, "layout")) {
+        layout = get_string(l, "identity_card.fields.layout");
+        if (layout != "id" && layout != "I" && layout != "J")
+            fail("\"identity_card.fields.layout\" must be \"id\", \"I\" or \"J\"");
+    }
     for (const cJSON* it = f->child; it != nullptr; it = it->next) {
-        const FieldDef* def = nullptr;
-        for (const auto& d : kIdFields)
-            if (std::strcmp(d.key, it->string) == 0) def = &d;
-        if (def == nullptr) fail("unknown identity card field \"" + std::string(it->string) + "\"");
-        put_field(text, def->offset, def->size, get_string(it, it->string));
+        if (std::strcmp(it->string, "layout") == 0) continue;
+        if (!put_id_field_by_key(text, layout, it->string, get_string(it, it->string)))
+            fail("unknown identity card field \"" + std::string(it->string) + "\" (layout " + layout + ")");
     }
 }
 
@@ -204,16 +133,16 @@ void apply_raw_fields(const cJSON* rf, std::vector<uint8_t>& text) {
     for_each_entry(rf, "identity_card.raw_fields", {"offset", "size", "text"}, [&](const cJSON* it) {
         const long off = entry_int(it, "offset", 0, 255);
         const long size = entry_int(it, "size", 1, 256);
-        put_field(text, static_cast<size_t>(off), static_cast<size_t>(size),
-                  get_string(cJSON_GetObjectItemCaseSensitive(it, "text"), "text"));
+        put_id_field(text, static_cast<size_t>(off), static_cast<size_t>(size),
+                     get_string(cJSON_GetObjectItemCaseSensitive(it, "text"), "text"), "raw field");
     });
 }
 
 // The identity card answer built from the default text and photo and the
 // object's text_hex, fields, raw_fields and photo_hex.
 std::vector<uint8_t> build_id_answer(const cJSON* obj) {
-    std::vector<uint8_t> text = default_id_text();
-    std::vector<uint8_t> photo = default_photo();
+    std::vector<uint8_t> text = encode_id_text(default_id_card());
+    std::vector<uint8_t> photo = default_id_photo();
     if (const cJSON* t = cJSON_GetObjectItemCaseSensitive(obj, "text_hex")) {
         text = get_hex(t, "identity_card.text_hex");
     }
@@ -445,7 +374,7 @@ DeviceProfile default_profile() {
     p.versions[3] = text_bytes("BOOT-1.02");
     p.versions[4] = text_bytes("KL560T41-FW-20240115-V1.08");
     p.module_serial = serial_from_fields(1, 2, 20230915, 1234567, 89012345);
-    p.id_answer = make_id_answer(default_id_text(), default_photo());
+    p.id_answer = make_id_card_answer(default_id_card());
     p.stripe.card = default_stripe_card();
     return p;
 }
