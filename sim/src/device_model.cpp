@@ -105,9 +105,43 @@ Reply DeviceModel::contactless_exchange(std::span<const uint8_t> apdu) {
 
 Reply DeviceModel::no_id_card() const { return Reply{profile_.id_no_card_s1, profile_.id_no_card_s2, {}}; }
 
-Reply DeviceModel::id_find() const { return id_answer_.empty() ? no_id_card() : ok(); }
+void DeviceModel::set_id_answer(std::vector<uint8_t> answer) {
+    id_answer_ = std::move(answer);
+    id_coming_.reset();
+}
 
-Reply DeviceModel::id_read() const { return id_answer_.empty() ? no_id_card() : ok(id_answer_); }
+void DeviceModel::id_answer_later(std::vector<uint8_t> answer, int looks, std::chrono::steady_clock::time_point when) {
+    id_answer_.clear();
+    id_coming_ = std::move(answer);
+    id_looks_left_ = looks;
+    id_due_ = when;
+}
+
+bool DeviceModel::id_present(std::chrono::steady_clock::time_point now, bool look) {
+    if (id_coming_) {
+        if (now >= id_due_ || id_looks_left_ <= 0) {
+            id_answer_ = std::move(*id_coming_);
+            id_coming_.reset();
+        } else {
+            if (look) --id_looks_left_;
+            return false;
+        }
+    }
+    return !id_answer_.empty();
+}
+
+Reply DeviceModel::id_find(std::chrono::steady_clock::time_point now) {
+    return id_present(now, true) ? ok() : no_id_card();
+}
+
+Reply DeviceModel::id_select(std::chrono::steady_clock::time_point now) {
+    return id_present(now, false) ? ok() : no_id_card();
+}
+
+Reply DeviceModel::id_read(std::chrono::steady_clock::time_point now) {
+    if (id_error_) return Reply{id_error_->first, id_error_->second, {}};
+    return id_present(now, true) ? ok(id_answer_) : no_id_card();
+}
 
 std::optional<std::vector<uint8_t>> DeviceModel::version(uint8_t selector) const {
     auto it = profile_.versions.find(selector);

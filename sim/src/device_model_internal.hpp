@@ -7,11 +7,13 @@
 // operations that answer a command return the reader's status pair and data.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "kolt_sim/card.hpp"
@@ -47,10 +49,20 @@ public:
     Reply exchange(uint8_t slot, std::span<const uint8_t> apdu);
 
     // --- identity module --------------------------------------------------
-    // Empty: no identity card on the reader.
-    void set_id_answer(std::vector<uint8_t> answer) { id_answer_ = std::move(answer); }
-    Reply id_find() const;  // find and select
-    Reply id_read() const;
+    // Empty: no identity card on the reader. Forgets a card still to come.
+    void set_id_answer(std::vector<uint8_t> answer);
+    // No card now; the card `answer` comes after `looks` find or read
+    // commands answered "no card", or at `when`, whichever is first.
+    void id_answer_later(std::vector<uint8_t> answer, int looks, std::chrono::steady_clock::time_point when);
+    // A read answers this status pair alone while set (the module failed).
+    void set_id_error(std::optional<std::pair<uint8_t, uint8_t>> status) { id_error_ = status; }
+    Reply id_find(std::chrono::steady_clock::time_point now);  // find
+    Reply id_select(std::chrono::steady_clock::time_point now);
+    Reply id_read(std::chrono::steady_clock::time_point now);
+    // The display command 0x51: its data is kept, the unit answers 90.
+    void id_display(std::vector<uint8_t> data) { id_displays_.push_back(std::move(data)); }
+    const std::vector<std::vector<uint8_t>>& id_displays() const { return id_displays_; }
+    void clear_id_displays() { id_displays_.clear(); }
     const std::vector<uint8_t>& module_serial() const { return profile_.module_serial; }
 
     // --- magnetic stripe unit ----------------------------------------------
@@ -69,6 +81,9 @@ private:
     Reply contact_exchange(std::span<const uint8_t> apdu);
     Reply contactless_exchange(std::span<const uint8_t> apdu);
     Reply no_id_card() const;
+    // Whether a card lies on the reader at `now`; `look` counts the command
+    // towards a card still to come.
+    bool id_present(std::chrono::steady_clock::time_point now, bool look);
 
     DeviceProfile profile_;
     std::map<uint8_t, LedState> leds_;
@@ -77,6 +92,12 @@ private:
     std::shared_ptr<Card> contact_, contactless_;
     bool contact_powered_ = false, contactless_powered_ = false;
     std::vector<uint8_t> id_answer_;
+    // A card still to come: after id_looks_left_ more looks, or at id_due_.
+    std::optional<std::vector<uint8_t>> id_coming_;
+    int id_looks_left_ = 0;
+    std::chrono::steady_clock::time_point id_due_{};
+    std::optional<std::pair<uint8_t, uint8_t>> id_error_;
+    std::vector<std::vector<uint8_t>> id_displays_;
     StripeUnit stripe_;
 };
 

@@ -119,9 +119,10 @@ void add_card_commands(Dispatcher& d, DeviceModel& m) {
 // The identity module: serial number, and find, select and read of the card.
 void add_identity_commands(Dispatcher& d, DeviceModel& m) {
     d.add_main(0x35, 0x87, [&m](const Command&) { return Reply{0x00, 0x00, m.module_serial()}; });
-    d.add_main(0x35, 0x80, [&m](const Command&) { return m.id_find(); });
-    d.add_main(0x35, 0x81, [&m](const Command&) { return m.id_find(); });
-    d.add_main(0x35, 0x82, [&m](const Command&) { return m.id_read(); }, ReplyForm::Special);
+    using std::chrono::steady_clock;
+    d.add_main(0x35, 0x80, [&m](const Command&) { return m.id_find(steady_clock::now()); });
+    d.add_main(0x35, 0x81, [&m](const Command&) { return m.id_select(steady_clock::now()); });
+    d.add_main(0x35, 0x82, [&m](const Command&) { return m.id_read(steady_clock::now()); }, ReplyForm::Special);
 }
 
 // The magnetic stripe unit: the framed read and the escape sequences. Both
@@ -143,14 +144,20 @@ Handler fixed(Bytes data) {
 
 // The greeting and disconnect of the older framings: the unit speaks the
 // one of its family, and answers the device probe in it.
-void add_family_commands(Dispatcher& d, const DeviceProfile& p) {
+void add_family_commands(Dispatcher& d, DeviceModel& m) {
+    const DeviceProfile& p = m.profile();
     const Route legacy86{fixed(p.legacy86_reply), ReplyForm::Legacy86, 0};
     const Route greeting{fixed(p.greeting), ReplyForm::Bracket, 0x41};
     if (p.family == "bracket") {
         d.add(Framing::Bracket, 0, 0x41, greeting);
         d.add(Framing::Bracket, 0, 0x42, Route{fixed(p.disconnect), ReplyForm::Bracket, 0x42});
-        // The verification result shown on the display.
-        d.add(Framing::Bracket, 0, 0x51, Route{fixed({0x90}), ReplyForm::Bracket, 0x51});
+        // The result of an online identity verification, for the display:
+        // kept for the tests, answered with 90.
+        d.add(Framing::Bracket, 0, 0x51, Route{[&m](const Command& c) -> std::optional<Reply> {
+                                                   m.id_display(c.data);
+                                                   return Reply{0x00, 0x00, {0x90}};
+                                               },
+                                               ReplyForm::Bracket, 0x51});
     }
     if (p.family == "legacy86") d.set_fallback(Framing::Legacy86, legacy86);
     d.add(Framing::Probe, 0, 0, p.family == "legacy86" ? legacy86 : greeting);
@@ -164,7 +171,7 @@ void add_builtin_commands(Dispatcher& d, DeviceModel& model) {
     add_card_commands(d, model);
     add_identity_commands(d, model);
     add_stripe_commands(d, model);
-    add_family_commands(d, model.profile());
+    add_family_commands(d, model);
     for (const auto& [key, status] : model.profile().status_overrides)
         d.set_status(static_cast<uint8_t>(key >> 8), static_cast<uint8_t>(key & 0xFF), status.first, status.second);
 }

@@ -182,6 +182,9 @@ void FrameServer::record(Command c) {
         char head[64];
         std::snprintf(head, sizeof head, "<- %s %02X %02X", framing_name(c.framing), c.cls, c.code);
         log(std::string(head) + (c.data.empty() ? "" : " [" + hex_dump(c.data) + "]"));
+        if (describe_) {
+            if (const std::string text = describe_(c); !text.empty()) log("   " + text);
+        }
     }
     transcript_.push_back(std::move(c));
     cv_.notify_all();

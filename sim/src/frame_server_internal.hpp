@@ -52,8 +52,12 @@ public:
     FrameServer(const FrameServer&) = delete;
     FrameServer& operator=(const FrameServer&) = delete;
 
+    // Readable text of a command for the verbose log, "" for none.
+    using Describe = std::function<std::string(const Command&)>;
+
     // Set before start().
     void set_timer(Timer timer) { timer_ = std::move(timer); }
+    void set_describe(Describe describe) { describe_ = std::move(describe); }
     // Makes the server thread ask the timer again (after its state changed).
     void wake();
 
@@ -123,6 +127,7 @@ private:
     const bool pace_, verbose_;
     const Dispatch dispatch_;
     Timer timer_;
+    Describe describe_;
 
     mutable std::mutex m_;
     mutable std::condition_variable cv_;

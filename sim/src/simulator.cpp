@@ -3,6 +3,7 @@
 #include "kolt_sim/simulator.hpp"
 
 #include <chrono>
+#include <limits>
 
 #include "device_model_internal.hpp"
 #include "dispatch_internal.hpp"
@@ -33,6 +34,10 @@ struct Simulator::Impl {
     explicit Impl(const Options& opt)
         : model(opt.profile), server(opt, [this](const Command& c) { return dispatcher.dispatch(c); }) {
         add_builtin_commands(dispatcher, model);
+        server.set_describe([](const Command& c) -> std::string {
+            if (c.framing == Framing::Bracket && c.code == 0x51) return describe_id_display(c.data);
+            return {};
+        });
         server.set_timer([this](FrameServer::Clock::time_point now, FrameServer::Clock::time_point& next) {
             std::vector<LateReply> out;
             for (auto& o : model.stripe().tick(now)) {
@@ -118,6 +123,40 @@ void Simulator::set_contactless_card(std::shared_ptr<Card> card) {
 void Simulator::set_id_answer(std::optional<std::vector<uint8_t>> answer) {
     auto l = impl_->server.lock();
     impl_->model.set_id_answer(answer ? std::move(*answer) : std::vector<uint8_t>{});
+}
+
+void Simulator::set_id_card(std::optional<IdCardFields> card) {
+    std::vector<uint8_t> answer = card ? make_id_card_answer(*card) : std::vector<uint8_t>{};
+    auto l = impl_->server.lock();
+    impl_->model.set_id_answer(std::move(answer));
+}
+
+void Simulator::id_card_after(int looks, IdCardFields card) {
+    std::vector<uint8_t> answer = make_id_card_answer(card);
+    auto l = impl_->server.lock();
+    impl_->model.id_answer_later(std::move(answer), looks, std::chrono::steady_clock::time_point::max());
+}
+
+void Simulator::id_card_after_ms(int ms, IdCardFields card) {
+    std::vector<uint8_t> answer = make_id_card_answer(card);
+    const auto when = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    auto l = impl_->server.lock();
+    impl_->model.id_answer_later(std::move(answer), std::numeric_limits<int>::max(), when);
+}
+
+void Simulator::set_id_module_error(bool on, uint8_t s1, uint8_t s2) {
+    auto l = impl_->server.lock();
+    impl_->model.set_id_error(on ? std::optional(std::pair{s1, s2}) : std::nullopt);
+}
+
+std::vector<std::vector<uint8_t>> Simulator::id_displays() const {
+    auto l = impl_->server.lock();
+    return impl_->model.id_displays();
+}
+
+void Simulator::clear_id_displays() {
+    auto l = impl_->server.lock();
+    impl_->model.clear_id_displays();
 }
 
 // --- scripting and faults ------------------------------------------------------------

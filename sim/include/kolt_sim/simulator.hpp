@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "kolt_sim/card.hpp"
+#include "kolt_sim/idcard.hpp"
 
 namespace kolt::sim {
 
@@ -248,8 +249,26 @@ public:
     void set_contact_card(std::shared_ptr<Card> card);
     void set_contactless_card(std::shared_ptr<Card> card);
     // Identity-module answer (see DeviceProfile::id_answer); nullopt or an
-    // empty vector takes the identity card away.
+    // empty vector takes the identity card away. Also forgets a card still
+    // to come (id_card_after).
     void set_id_answer(std::optional<std::vector<uint8_t>> answer);
+    // The identity card on the reader, from its fields (make_id_card_answer);
+    // nullopt takes it away. Throws std::runtime_error for fields that do
+    // not fit the card.
+    void set_id_card(std::optional<IdCardFields> card);
+    // Takes the identity card away now; `card` comes after `looks` find
+    // (35 80) or read (35 82) commands have been answered "no card" (select
+    // answers "no card" meanwhile without counting).
+    void id_card_after(int looks, IdCardFields card);
+    // The same, but the card comes `ms` milliseconds from now.
+    void id_card_after_ms(int ms, IdCardFields card);
+    // While on, the identity read (35 82) answers the status pair s1 s2
+    // alone, whether a card lies there or not (find and select answer as
+    // usual). The default pair 00 41 is the module's "read failed".
+    void set_id_module_error(bool on, uint8_t s1 = 0x00, uint8_t s2 = 0x41);
+    // The data of every display command (bracket 0x51) received, in order.
+    std::vector<std::vector<uint8_t>> id_displays() const;
+    void clear_id_displays();
 
     // --- scripting and faults ------------------------------------------
     // Fault for the next `count` replies (count < 0: until clear_faults()).
