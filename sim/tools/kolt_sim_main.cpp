@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "kolt_sim/card.hpp"
+#include "kolt_sim/idcard.hpp"
 #include "kolt_sim/simulator.hpp"
 
 namespace {
@@ -32,6 +33,7 @@ void usage(std::FILE* to) {
         "  --profile FILE           device profile (JSON); default: the built-in unit\n"
         "  --contact-card FILE      card profile (JSON) inserted in the contact reader\n"
         "  --contactless-card FILE  card profile (JSON) on the contactless field\n"
+        "  --id-card FILE           the identity card (JSON card file) on the reader\n"
         "  --no-id-card             no identity card on the reader\n"
         "  --terminal TYPE[:PORT]   play the teller terminal: type 1..5 or >= 50, aux port 1..4\n"
         "  --ext-file PATH          terminal command file for types >= 50\n"
@@ -72,6 +74,8 @@ std::optional<int> take_option(int argc, char** argv, int& i, Args& args) {
         args.contact_file = value();
     } else if (a == "--contactless-card") {
         args.contactless_file = value();
+    } else if (a == "--id-card") {
+        args.opt.profile.id_answer = kolt::sim::make_id_card_answer(kolt::sim::load_id_card(value()));
     } else if (a == "--no-id-card") {
         args.no_id_card = true;
     } else if (a == "--terminal") {
@@ -146,6 +150,10 @@ const char kPromptHelp[] =
     "  no-swipe                 forget the swipes not taken yet\n"
     "  write-fails on|off       writes to the card fail\n"
     "  status                   what the stripe reader is doing\n"
+    "  id-card FILE|off         put the identity card of a card file on the reader, or take it away\n"
+    "  id-card-after N FILE     no identity card for N find or read commands, then this one\n"
+    "  id-error on|off          identity reads answer the module's error status (00 41)\n"
+    "  id-displays              the verification results the host sent to the display\n"
     "  help                     this text\n"
     "  quit                     stop the simulator\n";
 
@@ -161,6 +169,37 @@ bool on_off(const std::string& word, bool& value) {
     else if (word == "off") value = false;
     else return false;
     return true;
+}
+
+// The identity-card commands of the prompt.
+void id_command(kolt::sim::Simulator& sim, const std::vector<std::string>& w) {
+    const std::string& cmd = w[0];
+    bool flag = false;
+    try {
+        if (cmd == "id-card" && w.size() == 2 && w[1] == "off") {
+            sim.set_id_card(std::nullopt);
+            std::printf("identity card: none\n");
+        } else if (cmd == "id-card" && w.size() == 2) {
+            const auto card = kolt::sim::load_id_card(w[1]);
+            sim.set_id_card(card);
+            std::printf("identity card: %s\n", card.layout == "I" ? card.english_name.c_str() : card.name.c_str());
+        } else if (cmd == "id-card-after" && w.size() == 3) {
+            const int looks = std::stoi(w[1]);
+            sim.id_card_after(looks, kolt::sim::load_id_card(w[2]));
+            std::printf("identity card after %d find or read commands\n", looks);
+        } else if (cmd == "id-error" && w.size() == 2 && on_off(w[1], flag)) {
+            sim.set_id_module_error(flag);
+            std::printf("identity module error: %s\n", flag ? "on" : "off");
+        } else if (cmd == "id-displays") {
+            const auto displays = sim.id_displays();
+            std::printf("display commands: %zu\n", displays.size());
+            for (const auto& d : displays) std::printf("  %s\n", kolt::sim::describe_id_display(d).c_str());
+        } else {
+            std::printf("unknown command: %s (try help)\n", cmd.c_str());
+        }
+    } catch (const std::exception& e) {
+        std::printf("%s\n", e.what());
+    }
 }
 
 // Carries out one command line; false on "quit".
@@ -203,6 +242,8 @@ bool prompt_command(kolt::sim::Simulator& sim, const kolt::sim::StripeProfile& s
                     show_card(sim.stripe_card()).c_str(), sim.stripe_resets());
         std::printf("escape commands: %zu%s%s\n", cmds.size(), cmds.empty() ? "" : ", last ",
                     cmds.empty() ? "" : kolt::sim::printable(std::string_view(reinterpret_cast<const char*>(cmds.back().data()), cmds.back().size())).c_str());
+    } else if (cmd.rfind("id-", 0) == 0) {
+        id_command(sim, w);
     } else if (cmd == "help" || cmd == "?") {
         std::fputs(kPromptHelp, stdout);
     } else if (cmd == "quit" || cmd == "exit") {
