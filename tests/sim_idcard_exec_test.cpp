@@ -91,7 +91,8 @@ TEST(SimIdCardProgram, CardFilePromptAndDisplayLog) {
     const std::string port_file = dir.str() + "/port";
     const std::string err_file = dir.str() + "/err";
     Child c;
-    spawn(c, {exe, "--port-file", port_file, "--id-card", card_file("foreign.json"), "--interactive", "--verbose"},
+    spawn(c, {exe, "--port-file", port_file, "--id-card", card_file("foreign.json"), "--profile",
+               kolt::test::sim_profile("default.json"), "--interactive", "--verbose"},
           err_file);
     ASSERT_EQ(read_line(c.out).rfind("kolt-sim: serving ", 0), 0u);
     const std::string port = kolt::test::read_file(port_file);

@@ -52,7 +52,7 @@ void usage(std::FILE* to) {
 // What the command line asks for.
 struct Args {
     kolt::sim::Options opt;
-    std::string contact_file, contactless_file, port_file;
+    std::string contact_file, contactless_file, port_file, id_card_file;
     bool no_id_card = false;
     std::optional<bool> interactive;  // unset: when standard input is a terminal
 };
@@ -75,7 +75,7 @@ std::optional<int> take_option(int argc, char** argv, int& i, Args& args) {
     } else if (a == "--contactless-card") {
         args.contactless_file = value();
     } else if (a == "--id-card") {
-        args.opt.profile.id_answer = kolt::sim::make_id_card_answer(kolt::sim::load_id_card(value()));
+        args.id_card_file = value();
     } else if (a == "--no-id-card") {
         args.no_id_card = true;
     } else if (a == "--terminal") {
@@ -115,6 +115,15 @@ std::optional<int> parse_args(int argc, char** argv, Args& args) {
     for (int i = 1; i < argc; ++i) {
         try {
             if (const auto status = take_option(argc, argv, i, args)) return status;
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "kolt-sim: %s\n", e.what());
+            return 2;
+        }
+    }
+    // The card file goes over the profile's card, whatever the order.
+    if (!args.id_card_file.empty()) {
+        try {
+            args.opt.profile.id_answer = kolt::sim::make_id_card_answer(kolt::sim::load_id_card(args.id_card_file));
         } catch (const std::exception& e) {
             std::fprintf(stderr, "kolt-sim: %s\n", e.what());
             return 2;
