@@ -46,6 +46,14 @@ std::optional<std::vector<uint8_t>> gbk_units_to_ucs2be(std::span<const uint8_t>
 // byte at the very end pairs with nothing (reads as 0); unmapped: FF 00.
 std::vector<uint8_t> gbk_to_ucs2le(std::span<const uint8_t> in);
 
+// The converters above writing into the caller's room, without allocating:
+// out must hold in.size() bytes (the pairs) or 2 * in.size() bytes
+// (gbk_to_ucs2le_into, which returns the count written). The pairs
+// converters return false, and write nothing, for an odd length.
+bool ucs2le_to_gbk_pairs_into(std::span<const uint8_t> in, std::span<char> out);
+bool ucs2be_to_gbk_pairs_into(std::span<const uint8_t> in, std::span<char> out);
+std::size_t gbk_to_ucs2le_into(std::span<const uint8_t> in, std::span<uint8_t> out);
+
 // A field of a card record as the card flows use it: converted with
 // ucs2le_to_gbk_pairs (an odd length loses its last byte) and every blank
 // removed.

@@ -28,10 +28,6 @@ void put_code(char* codeOut, int32_t code) {
     codeOut[1] = static_cast<char>('0' + code % 10);
 }
 
-void copy_chars(char* out, const std::string& text) {
-    if (!text.empty()) std::memcpy(out, text.data(), text.size());
-}
-
 }  // namespace
 
 extern "C" {
@@ -43,14 +39,14 @@ KOLT_API int32_t searchuni(int32_t gbk) { return search_uni(gbk); }
 KOLT_API int32_t KOLT_idInfoConvert2gb(const uint8_t* in, int32_t len, char* out) {
     const auto span = units(in, len, out);
     if (!span) return -1;
-    copy_chars(out, *ucs2le_to_gbk_pairs(*span));
+    ucs2le_to_gbk_pairs_into(*span, std::span<char>(out, span->size()));
     return 0;
 }
 
 KOLT_API int32_t convert2gb(const uint8_t* in, int32_t len, char* out) {
     const auto span = units(in, len, out);
     if (!span) return -1;
-    copy_chars(out, *ucs2be_to_gbk_pairs(*span));
+    ucs2be_to_gbk_pairs_into(*span, std::span<char>(out, span->size()));
     return 0;
 }
 
@@ -64,9 +60,8 @@ KOLT_API int32_t convert2uni(const uint8_t* in, int32_t len, uint8_t* out) {
 KOLT_API int32_t KOLT_gbConvert2idUni(const char* in, int32_t len, uint8_t* out) {
     if (len <= 0) return 0;
     if (in == nullptr || out == nullptr) return -1;
-    const std::vector<uint8_t> ucs2 = gbk_to_ucs2le(kolt::capi::span(kolt::capi::bytes(in), len));
-    kolt::capi::copy_bytes(out, ucs2);
-    return static_cast<int32_t>(ucs2.size());
+    const auto gbk = kolt::capi::span(kolt::capi::bytes(in), len);
+    return static_cast<int32_t>(gbk_to_ucs2le_into(gbk, std::span<uint8_t>(out, 2 * gbk.size())));
 }
 
 KOLT_API int32_t isChineseHighByte(int32_t c) { return c > 127 ? 1 : 0; }
