@@ -89,8 +89,8 @@ void BM_IdUcs2ToGbkLibrary(benchmark::State& state) {
     const std::string& in = record();
     std::vector<char> out(in.size());
     for (auto _ : state) {
-        const int rc = KOLT_idInfoConvert2gb(reinterpret_cast<const uint8_t*>(in.data()), static_cast<int32_t>(in.size()),
-                                             out.data());
+        const auto* p = reinterpret_cast<const uint8_t*>(in.data());
+        const int rc = KOLT_idInfoConvert2gb(p, static_cast<int32_t>(in.size()), out.data());
         benchmark::DoNotOptimize(rc);
         benchmark::ClobberMemory();
     }
