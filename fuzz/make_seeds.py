@@ -454,6 +454,37 @@ add("stripe_tracks", framed_tracks(b"", b";" + T2, b"", s=(1, 0, 0)))
 add("stripe_tracks", bytes([0x02, 0x00, 0x20, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF]))
 
 # ---------------------------------------------------------------------------
+# The identity card's character codes (tests/idcard_gbk_test.cpp): UCS-2
+# texts of a card record, GBK texts, and whole raw records (name 30, sex 2,
+# nation 4, birth 16, address 70, number 36, authority 30, from 16, to 16
+# bytes, UCS-2LE, blank-padded).
+def id_field(text, size):
+    b = text.encode("utf-16-le")[:size]
+    return b + b" \x00" * ((size - len(b)) // 2)
+
+
+def id_record(name, sex, nation, address, to="20300101"):
+    return (id_field(name, 30) + id_field(sex, 2) + id_field(nation, 4) + id_field("19800101", 16) +
+            id_field(address, 70) + id_field("11010119800101123X", 36) + id_field("北京市公安局西城分局", 30) +
+            id_field("20100101", 16) + id_field(to, 16))
+
+
+ID_TEXTS = ("张三", "李\u3405明", "A", "北京市西城区某某街道12号", "€\u1e3f\u01f9", "\ue26f家人", "\uffff\ud800", "")
+for text in ID_TEXTS:
+    add("id_ucs2_to_gbk", text.encode("utf-16-le", "surrogatepass"))
+    add("id_ucs2_to_gbk", text.encode("utf-16-be", "surrogatepass"))
+add("id_ucs2_to_gbk", b"A\x00B")
+for text in ("张三", "王A小", "外国血统", "12 号"):
+    add("id_gbk_to_ucs2", text.encode("gb18030"))
+for raw in (b"\xaa\xa1\xf8\xdc\xa2\xe3", b"\x81\x30\x41\x42", b"A\xb0", b"\x80\x80\xff\xfe\xfe\xfe", b""):
+    add("id_gbk_to_ucs2", raw)
+add("id_cov_to_gbk", id_record("张三", "1", "01", "北京市西城区某某街道 12 号", "长期"))
+add("id_cov_to_gbk", id_record("李\u3405", "2", "60", ""))
+add("id_cov_to_gbk", id_record("A", "9", "99", "中" * 35))
+add("id_cov_to_gbk", id_record("中" * 15, "1", "98", "中" * 35, "中" * 8))
+add("id_cov_to_gbk", b"")
+
+# ---------------------------------------------------------------------------
 # Seeds that show a library defect not fixed yet stay out of the corpus (the
 # test suite replays the corpus); their inputs are kept in fuzz/pending/.
 # An entry goes when the fix is in.

@@ -408,6 +408,29 @@ KOLT_API int32_t MS_ReadCard(const char *port, int32_t a2, int32_t a3, int32_t a
 KOLT_API int32_t MS_WriteCard(const char *port, int32_t a2, int32_t a3, int32_t a4, int32_t mode, int32_t a6, const char *track2, const char *track3); /* port name into gPortName, port 0, 5 s; 0 or -11 */
 /* ---- KOLT-STRIPE-END ---- */
 
+/* ---- KOLT-IDCODE-BEGIN (identity-card character codes) ---- */
+/*
+ * GBK <-> UCS-2 tables of the identity card: 0x00-0x7F and every two-byte
+ * GBK code 0x8140-0xFEFE, each to one BMP code point (the user-defined areas
+ * to the private use area). Converters write no terminator unless noted;
+ * a null input with a positive length, or a null output, gives -1 and
+ * writes nothing.
+ */
+#define KOLT_IDCOV_TEXT_MAX 191 /* room of idCovToGBK's output, terminator included */
+
+KOLT_API int32_t searchgb(int32_t unicode);                                        /* GBK code of a Unicode value, or -1 */
+KOLT_API int32_t searchuni(int32_t gbk);                                           /* Unicode value of a GBK code, or -1 */
+KOLT_API int32_t KOLT_idInfoConvert2gb(const uint8_t *in, int32_t len, char *out); /* UCS-2LE to len bytes, two per unit: GBK high first, " " + ASCII, "**" unmapped; 0, -1 odd len */
+KOLT_API int32_t convert2gb(const uint8_t *in, int32_t len, char *out);            /* as KOLT_idInfoConvert2gb with UCS-2BE units; 0, -1 odd len */
+KOLT_API int32_t convert2uni(const uint8_t *in, int32_t len, uint8_t *out);        /* two-byte GBK units to len bytes of UCS-2BE, unmapped 00 FF; 0, -1 odd len */
+KOLT_API int32_t KOLT_gbConvert2idUni(const char *in, int32_t len, uint8_t *out);  /* GBK/ASCII text to UCS-2LE (room 2 * len; a last lead byte reads trail 0), unmapped FF 00; byte count, 0 for len <= 0, -1 for null */
+KOLT_API int32_t isChineseHighByte(int32_t c);                                     /* 1 when c > 127, else 0 */
+KOLT_API int32_t KOLT_getNationCode(const char *name, char *codeOut);              /* codeOut (8 bytes, cleared) = "%02d" code of a GBK nation name ("" is 00); 0, -1 unknown or null */
+KOLT_API int32_t KOLT_getCheckResultCode(const char *text, char *codeOut);         /* codeOut (8 bytes, cleared) = "00".."03" of a verification text, else "04"; always 0 */
+KOLT_API int32_t idCovToGBK(const uint8_t *raw, char *out);                        /* 220-byte UCS-2LE card text record to "name:sex:nation:birth:address:number:authority:from-to" (KOLT_IDCOV_TEXT_MAX); 0, -1 for null */
+KOLT_API int32_t converZh(const char *hex4, uint8_t *out2);                        /* 2 bytes of a 4-hex key in the loaded 8-byte record table; 1, -1 not found (message on stdout) or null */
+/* ---- KOLT-IDCODE-END ---- */
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,6 +1,7 @@
 #include "common/library_state.hpp"
 
 #include "emv/tags.hpp"
+#include "idcard/gbk.hpp"
 #include "kolt/kolt.h"
 #include "link/link_state.hpp"
 #include "support/log.hpp"
@@ -11,6 +12,7 @@ void reset_library_state() {
     kolt::log::reset();
     kolt::link::reset();
     kolt::emv::reset_state();
+    kolt::idcard::reset();
     cancelOperation = 0;
 }
 
