@@ -269,12 +269,12 @@ template <std::size_t N>
 void store(char (&slot)[N], std::string_view text) {
     std::size_t n = 0;
     while (n < text.size()) {
-        const std::size_t step = static_cast<uint8_t>(text[n]) > 127 ? 2 : 1;
+        const bool lead = static_cast<uint8_t>(text[n]) > 127;
+        const std::size_t step = lead ? std::min<std::size_t>(2, text.size() - n) : 1;
         if (n + step > N - 1) break;
         n += step;
     }
-    n = std::min(n, text.size());
-    std::memcpy(slot, text.data(), n);
+    if (n > 0) std::memcpy(slot, text.data(), n);
     slot[n] = '\0';
 }
 
