@@ -483,6 +483,27 @@ add("id_cov_to_gbk", id_record("李\u3405", "2", "60", ""))
 add("id_cov_to_gbk", id_record("A", "9", "99", "中" * 35))
 add("id_cov_to_gbk", id_record("中" * 15, "1", "98", "中" * 35, "中" * 8))
 add("id_cov_to_gbk", b"")
+# Identity card text records (tests/idcard_read_test.cpp): the three layouts.
+def ucs2(text, size):
+    b = text.encode("utf-16-le")
+    return (b + " ".encode("utf-16-le") * size)[:size]
+def record(fields, card_type=" "):
+    rec = bytearray(ucs2("", 256))
+    for off, size, text in fields:
+        rec[off:off + size] = ucs2(text, size)
+    rec[248:250] = ucs2(card_type, 2)
+    return bytes(rec)
+add("id_card_record", record([(0, 30, "张三"), (30, 2, "1"), (32, 4, "01"), (36, 16, "19900101"),
+                              (52, 70, "北京市东城区测试路1号"), (122, 36, "110101199001011234"),
+                              (158, 30, "北京市公安局东城分局"), (188, 16, "20200101"), (204, 16, "20400101")]))
+add("id_card_record", record([(0, 120, "SMITH JOHN"), (120, 2, "1"), (122, 30, "CAN110090010101"), (152, 6, "CAN"),
+                              (158, 30, "史密斯"), (188, 16, "20200101"), (204, 16, "20300101"), (220, 16, "19800101"),
+                              (236, 4, "01"), (240, 8, "1100")], "I"))
+add("id_card_record", record([(0, 30, "李四"), (30, 2, "2"), (36, 16, "19900101"), (52, 70, "广东省深圳市"),
+                              (122, 36, "810000199001011234"), (158, 30, "公安部出入境管理局"), (188, 16, "20200101"),
+                              (204, 16, "20250101"), (220, 18, "H12345678"), (238, 4, "01")], "J"))
+add("id_card_record", record([(32, 4, "99")]))
+add("id_card_record", b"\x00" * 10)
 
 # ---------------------------------------------------------------------------
 # Seeds that show a library defect not fixed yet stay out of the corpus (the

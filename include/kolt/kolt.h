@@ -382,6 +382,28 @@ KOLT_API int32_t STAR_ARPC_ExeICScrip(const char *dataIn, char *out);           
 KOLT_API int32_t IC_ARPC_ExeICScript(int32_t icType, const char *trData, const char *arpc, int32_t forceAac, char *secondAc, char *scriptResult, const char *appData); /* on an open link, IC-encoded data and block; forceAac asks AAC; 0, -2 auth or AC failed, -4 no tag 91 (only the power-off is sent), -10 GET DATA or script */
 /* ---- KOLT-ONLINE-END ---- */
 
+/* ---- KOLT-IDCARD-BEGIN (identity card reading and photo) ---- */
+/*
+ * The card line (infoOut, KOLT_IDINFO_MAX bytes): "|"-separated GBK fields,
+ * 15 for the resident identity card (ending "A") and the foreign permanent
+ * resident card (ending "I"), 17 for the residence permit ("J", then pass
+ * number and issue count). The photo goes to "zp.bmp" in the working
+ * directory through "./libwlt.so" (unpack); a residence permit's images go
+ * to "./zfmfront.bmp" and "./zfmback.bmp" through "./libidpic.so"
+ * (GetJIdPic). Photo paths are read up to KOLT_PATH_MAX characters, the
+ * Base64 photo of displayCheckResult up to KOLT_PHOTO_BASE64_MAX.
+ */
+#define KOLT_IDINFO_MAX 512
+#define KOLT_PATH_MAX 1024
+#define KOLT_PHOTO_BASE64_MAX 65536
+
+KOLT_API int32_t ID_GetInfo(const char *port, int32_t a2, int32_t a3, int32_t timeout, const char *photoPath, int32_t a6, int32_t a7, int32_t a8, char *infoOut); /* port name into gPortName; timeout 0 = 864000 s; 0, -98 no ./libwlt.so, -3, -11, -99 */
+KOLT_API int32_t getIdCardInfo(int32_t termType, const char *devName, int32_t port, const char *auxArg, int32_t timeout, char *infoOut, const char *photoPath, int32_t a8, int32_t a9, int32_t a10); /* waits for a card and reads it; 0, -5 port, -2 no card in time, -1 module error, -98 */
+KOLT_API int32_t YC_idCovToGBK(const uint8_t *record, char *infoOut, const char *photoPath, int32_t a4, int32_t a5, int32_t a6); /* card record (256 text + 1024 photo bytes) to the card line and zp.bmp; 0 or -98 */
+KOLT_API int32_t YC_GetBmp(const uint8_t *photo);                                   /* 1024-byte photo block to "zp.bmp" (102 x 126, 24 bits); 0 or -98 */
+KOLT_API int32_t displayCheckResult(int32_t termType, const char *ttyName, int32_t portId, const char *extendCmd, const char *resultCode, const char *name, const char *id, const char *issueOrgan, const char *photoBase64); /* verification result to the reader (command 0x51); 0, or -5 when the port cannot be opened */
+/* ---- KOLT-IDCARD-END ---- */
+
 /* ---- KOLT-STRIPE-BEGIN (magnetic stripe) ---- */
 /*
  * Framed path: the stripe LED is lit around the read; each track buffer of
