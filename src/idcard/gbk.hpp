@@ -61,8 +61,8 @@ std::string field_text(std::span<const uint8_t> ucs2le);
 
 // The nation tables: 99 GBK names by two-digit code (index 99 does not
 // exist). nationtable has codes 59 and 60; nationtablejh has them empty.
-extern const char* const nationtable[99];
-extern const char* const nationtablejh[99];
+extern const std::array<const char*, 99> nationtable;
+extern const std::array<const char*, 99> nationtablejh;
 // The verification-result texts by code 0..4.
 extern const char* const checkresulttable[5];
 

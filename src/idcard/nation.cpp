@@ -1,6 +1,7 @@
 // The nation and verification-result tables (GBK), the card text record's
 // short conversion with the module's record, and converZh's table.
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
@@ -9,212 +10,85 @@
 
 namespace kolt::idcard {
 
-// Names by two-digit code; 29 keeps its two characters on purpose (teller
-// applications compare the short name). 60 starts with the user-defined
-// code 0xF8DC (U+E26F).
-const char* const nationtable[99] = {
-    "",  // 00
-    "\xBA\xBA",  // 01 汉
-    "\xC3\xC9\xB9\xC5",  // 02 蒙古
-    "\xBB\xD8",  // 03 回
-    "\xB2\xD8",  // 04 藏
-    "\xCE\xAC\xCE\xE1\xB6\xFB",  // 05 维吾尔
-    "\xC3\xE7",  // 06 苗
-    "\xD2\xCD",  // 07 彝
-    "\xD7\xB3",  // 08 壮
-    "\xB2\xBC\xD2\xC0",  // 09 布依
-    "\xB3\xAF\xCF\xCA",  // 10 朝鲜
-    "\xC2\xFA",  // 11 满
-    "\xB6\xB1",  // 12 侗
-    "\xD1\xFE",  // 13 瑶
-    "\xB0\xD7",  // 14 白
-    "\xCD\xC1\xBC\xD2",  // 15 土家
-    "\xB9\xFE\xC4\xE1",  // 16 哈尼
-    "\xB9\xFE\xC8\xF8\xBF\xCB",  // 17 哈萨克
-    "\xB4\xF6",  // 18 傣
-    "\xC0\xE8",  // 19 黎
-    "\xC0\xFC\xCB\xDB",  // 20 傈僳
-    "\xD8\xF4",  // 21 佤
-    "\xEE\xB4",  // 22 畲
-    "\xB8\xDF\xC9\xBD",  // 23 高山
-    "\xC0\xAD\xEC\xEF",  // 24 拉祜
-    "\xCB\xAE",  // 25 水
-    "\xB6\xAB\xCF\xE7",  // 26 东乡
-    "\xC4\xC9\xCE\xF7",  // 27 纳西
-    "\xBE\xB0\xC6\xC4",  // 28 景颇
-    "\xBF\xC2\xB6\xFB",  // 29 柯尔
-    "\xCD\xC1",  // 30 土
-    "\xB4\xEF\xCE\xD3\xB6\xFB",  // 31 达斡尔
-    "\xD8\xEF\xC0\xD0",  // 32 仫佬
-    "\xC7\xBC",  // 33 羌
-    "\xB2\xBC\xC0\xCA",  // 34 布朗
-    "\xC8\xF6\xC0\xAD",  // 35 撒拉
-    "\xC3\xAB\xC4\xCF",  // 36 毛南
-    "\xD8\xEE\xC0\xD0",  // 37 仡佬
-    "\xCE\xFD\xB2\xAE",  // 38 锡伯
-    "\xB0\xA2\xB2\xFD",  // 39 阿昌
-    "\xC6\xD5\xC3\xD7",  // 40 普米
-    "\xCB\xFE\xBC\xAA\xBF\xCB",  // 41 塔吉克
-    "\xC5\xAD",  // 42 怒
-    "\xCE\xDA\xD7\xCE\xB1\xF0\xBF\xCB",  // 43 乌孜别克
-    "\xB6\xED\xC2\xDE\xCB\xB9",  // 44 俄罗斯
-    "\xB6\xF5\xCE\xC2\xBF\xCB",  // 45 鄂温克
-    "\xB5\xC2\xB0\xBA",  // 46 德昂
-    "\xB1\xA3\xB0\xB2",  // 47 保安
-    "\xD4\xA3\xB9\xCC",  // 48 裕固
-    "\xBE\xA9",  // 49 京
-    "\xCB\xFE\xCB\xFE\xB6\xFB",  // 50 塔塔尔
-    "\xB6\xC0\xC1\xFA",  // 51 独龙
-    "\xB6\xF5\xC2\xD7\xB4\xBA",  // 52 鄂伦春
-    "\xBA\xD5\xD5\xDC",  // 53 赫哲
-    "\xC3\xC5\xB0\xCD",  // 54 门巴
-    "\xE7\xF3\xB0\xCD",  // 55 珞巴
-    "\xBB\xF9\xC5\xB5",  // 56 基诺
-    "",  // 57
-    "",  // 58
-    "\xB4\xA9\xC7\xE0\xC8\xCB",  // 59 穿青人
-    "\xF8\xDC\xBC\xD2\xC8\xCB",  // 60 (0xF8DC)家人
-    "",  // 61
-    "",  // 62
-    "",  // 63
-    "",  // 64
-    "",  // 65
-    "",  // 66
-    "",  // 67
-    "",  // 68
-    "",  // 69
-    "",  // 70
-    "",  // 71
-    "",  // 72
-    "",  // 73
-    "",  // 74
-    "",  // 75
-    "",  // 76
-    "",  // 77
-    "",  // 78
-    "",  // 79
-    "",  // 80
-    "",  // 81
-    "",  // 82
-    "",  // 83
-    "",  // 84
-    "",  // 85
-    "",  // 86
-    "",  // 87
-    "",  // 88
-    "",  // 89
-    "",  // 90
-    "",  // 91
-    "",  // 92
-    "",  // 93
-    "",  // 94
-    "",  // 95
-    "",  // 96
-    "\xC6\xE4\xCB\xFB",  // 97 其他
-    "\xCD\xE2\xB9\xFA\xD1\xAA\xCD\xB3",  // 98 外国血统
-};
+namespace {
 
-const char* const nationtablejh[99] = {
-    "",  // 00
-    "\xBA\xBA",  // 01 汉
-    "\xC3\xC9\xB9\xC5",  // 02 蒙古
-    "\xBB\xD8",  // 03 回
-    "\xB2\xD8",  // 04 藏
-    "\xCE\xAC\xCE\xE1\xB6\xFB",  // 05 维吾尔
-    "\xC3\xE7",  // 06 苗
-    "\xD2\xCD",  // 07 彝
-    "\xD7\xB3",  // 08 壮
-    "\xB2\xBC\xD2\xC0",  // 09 布依
-    "\xB3\xAF\xCF\xCA",  // 10 朝鲜
-    "\xC2\xFA",  // 11 满
-    "\xB6\xB1",  // 12 侗
-    "\xD1\xFE",  // 13 瑶
-    "\xB0\xD7",  // 14 白
-    "\xCD\xC1\xBC\xD2",  // 15 土家
-    "\xB9\xFE\xC4\xE1",  // 16 哈尼
-    "\xB9\xFE\xC8\xF8\xBF\xCB",  // 17 哈萨克
-    "\xB4\xF6",  // 18 傣
-    "\xC0\xE8",  // 19 黎
-    "\xC0\xFC\xCB\xDB",  // 20 傈僳
-    "\xD8\xF4",  // 21 佤
-    "\xEE\xB4",  // 22 畲
-    "\xB8\xDF\xC9\xBD",  // 23 高山
-    "\xC0\xAD\xEC\xEF",  // 24 拉祜
-    "\xCB\xAE",  // 25 水
-    "\xB6\xAB\xCF\xE7",  // 26 东乡
-    "\xC4\xC9\xCE\xF7",  // 27 纳西
-    "\xBE\xB0\xC6\xC4",  // 28 景颇
-    "\xBF\xC2\xB6\xFB",  // 29 柯尔
-    "\xCD\xC1",  // 30 土
-    "\xB4\xEF\xCE\xD3\xB6\xFB",  // 31 达斡尔
-    "\xD8\xEF\xC0\xD0",  // 32 仫佬
-    "\xC7\xBC",  // 33 羌
-    "\xB2\xBC\xC0\xCA",  // 34 布朗
-    "\xC8\xF6\xC0\xAD",  // 35 撒拉
-    "\xC3\xAB\xC4\xCF",  // 36 毛南
-    "\xD8\xEE\xC0\xD0",  // 37 仡佬
-    "\xCE\xFD\xB2\xAE",  // 38 锡伯
-    "\xB0\xA2\xB2\xFD",  // 39 阿昌
-    "\xC6\xD5\xC3\xD7",  // 40 普米
-    "\xCB\xFE\xBC\xAA\xBF\xCB",  // 41 塔吉克
-    "\xC5\xAD",  // 42 怒
-    "\xCE\xDA\xD7\xCE\xB1\xF0\xBF\xCB",  // 43 乌孜别克
-    "\xB6\xED\xC2\xDE\xCB\xB9",  // 44 俄罗斯
-    "\xB6\xF5\xCE\xC2\xBF\xCB",  // 45 鄂温克
-    "\xB5\xC2\xB0\xBA",  // 46 德昂
-    "\xB1\xA3\xB0\xB2",  // 47 保安
-    "\xD4\xA3\xB9\xCC",  // 48 裕固
-    "\xBE\xA9",  // 49 京
-    "\xCB\xFE\xCB\xFE\xB6\xFB",  // 50 塔塔尔
-    "\xB6\xC0\xC1\xFA",  // 51 独龙
-    "\xB6\xF5\xC2\xD7\xB4\xBA",  // 52 鄂伦春
-    "\xBA\xD5\xD5\xDC",  // 53 赫哲
-    "\xC3\xC5\xB0\xCD",  // 54 门巴
-    "\xE7\xF3\xB0\xCD",  // 55 珞巴
-    "\xBB\xF9\xC5\xB5",  // 56 基诺
-    "",  // 57
-    "",  // 58
-    "",  // 59
-    "",  // 60
-    "",  // 61
-    "",  // 62
-    "",  // 63
-    "",  // 64
-    "",  // 65
-    "",  // 66
-    "",  // 67
-    "",  // 68
-    "",  // 69
-    "",  // 70
-    "",  // 71
-    "",  // 72
-    "",  // 73
-    "",  // 74
-    "",  // 75
-    "",  // 76
-    "",  // 77
-    "",  // 78
-    "",  // 79
-    "",  // 80
-    "",  // 81
-    "",  // 82
-    "",  // 83
-    "",  // 84
-    "",  // 85
-    "",  // 86
-    "",  // 87
-    "",  // 88
-    "",  // 89
-    "",  // 90
-    "",  // 91
-    "",  // 92
-    "",  // 93
-    "",  // 94
-    "",  // 95
-    "",  // 96
-    "\xC6\xE4\xCB\xFB",  // 97 其他
-    "\xCD\xE2\xB9\xFA\xD1\xAA\xCD\xB3",  // 98 外国血统
-};
+// The names by two-digit code, "" where a code has none; with_recent adds
+// the two names of codes 59 and 60 that only nationtable carries. 29 keeps
+// its two characters on purpose (teller applications compare the short
+// name); 60 starts with the user-defined code 0xF8DC (U+E26F).
+constexpr std::array<const char*, 99> nation_names(bool with_recent) {
+    std::array<const char*, 99> a{};
+    for (auto& name : a) name = "";
+    a[1] = "\xBA\xBA";  // 汉
+    a[2] = "\xC3\xC9\xB9\xC5";  // 蒙古
+    a[3] = "\xBB\xD8";  // 回
+    a[4] = "\xB2\xD8";  // 藏
+    a[5] = "\xCE\xAC\xCE\xE1\xB6\xFB";  // 维吾尔
+    a[6] = "\xC3\xE7";  // 苗
+    a[7] = "\xD2\xCD";  // 彝
+    a[8] = "\xD7\xB3";  // 壮
+    a[9] = "\xB2\xBC\xD2\xC0";  // 布依
+    a[10] = "\xB3\xAF\xCF\xCA";  // 朝鲜
+    a[11] = "\xC2\xFA";  // 满
+    a[12] = "\xB6\xB1";  // 侗
+    a[13] = "\xD1\xFE";  // 瑶
+    a[14] = "\xB0\xD7";  // 白
+    a[15] = "\xCD\xC1\xBC\xD2";  // 土家
+    a[16] = "\xB9\xFE\xC4\xE1";  // 哈尼
+    a[17] = "\xB9\xFE\xC8\xF8\xBF\xCB";  // 哈萨克
+    a[18] = "\xB4\xF6";  // 傣
+    a[19] = "\xC0\xE8";  // 黎
+    a[20] = "\xC0\xFC\xCB\xDB";  // 傈僳
+    a[21] = "\xD8\xF4";  // 佤
+    a[22] = "\xEE\xB4";  // 畲
+    a[23] = "\xB8\xDF\xC9\xBD";  // 高山
+    a[24] = "\xC0\xAD\xEC\xEF";  // 拉祜
+    a[25] = "\xCB\xAE";  // 水
+    a[26] = "\xB6\xAB\xCF\xE7";  // 东乡
+    a[27] = "\xC4\xC9\xCE\xF7";  // 纳西
+    a[28] = "\xBE\xB0\xC6\xC4";  // 景颇
+    a[29] = "\xBF\xC2\xB6\xFB";  // 柯尔
+    a[30] = "\xCD\xC1";  // 土
+    a[31] = "\xB4\xEF\xCE\xD3\xB6\xFB";  // 达斡尔
+    a[32] = "\xD8\xEF\xC0\xD0";  // 仫佬
+    a[33] = "\xC7\xBC";  // 羌
+    a[34] = "\xB2\xBC\xC0\xCA";  // 布朗
+    a[35] = "\xC8\xF6\xC0\xAD";  // 撒拉
+    a[36] = "\xC3\xAB\xC4\xCF";  // 毛南
+    a[37] = "\xD8\xEE\xC0\xD0";  // 仡佬
+    a[38] = "\xCE\xFD\xB2\xAE";  // 锡伯
+    a[39] = "\xB0\xA2\xB2\xFD";  // 阿昌
+    a[40] = "\xC6\xD5\xC3\xD7";  // 普米
+    a[41] = "\xCB\xFE\xBC\xAA\xBF\xCB";  // 塔吉克
+    a[42] = "\xC5\xAD";  // 怒
+    a[43] = "\xCE\xDA\xD7\xCE\xB1\xF0\xBF\xCB";  // 乌孜别克
+    a[44] = "\xB6\xED\xC2\xDE\xCB\xB9";  // 俄罗斯
+    a[45] = "\xB6\xF5\xCE\xC2\xBF\xCB";  // 鄂温克
+    a[46] = "\xB5\xC2\xB0\xBA";  // 德昂
+    a[47] = "\xB1\xA3\xB0\xB2";  // 保安
+    a[48] = "\xD4\xA3\xB9\xCC";  // 裕固
+    a[49] = "\xBE\xA9";  // 京
+    a[50] = "\xCB\xFE\xCB\xFE\xB6\xFB";  // 塔塔尔
+    a[51] = "\xB6\xC0\xC1\xFA";  // 独龙
+    a[52] = "\xB6\xF5\xC2\xD7\xB4\xBA";  // 鄂伦春
+    a[53] = "\xBA\xD5\xD5\xDC";  // 赫哲
+    a[54] = "\xC3\xC5\xB0\xCD";  // 门巴
+    a[55] = "\xE7\xF3\xB0\xCD";  // 珞巴
+    a[56] = "\xBB\xF9\xC5\xB5";  // 基诺
+    a[97] = "\xC6\xE4\xCB\xFB";  // 其他
+    a[98] = "\xCD\xE2\xB9\xFA\xD1\xAA\xCD\xB3";  // 外国血统
+    if (with_recent) {
+        a[59] = "\xB4\xA9\xC7\xE0\xC8\xCB";  // 穿青人
+        a[60] = "\xF8\xDC\xBC\xD2\xC8\xCB";  // (0xF8DC)家人
+    }
+    return a;
+}
+
+}  // namespace
+
+const std::array<const char*, 99> nationtable = nation_names(true);
+const std::array<const char*, 99> nationtablejh = nation_names(false);
+
 
 const char* const checkresulttable[5] = {
     // 公民身份证号码与姓名一致，且存在照片
