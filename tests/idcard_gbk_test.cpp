@@ -287,7 +287,7 @@ TEST(IdcardGbkConvert, TrailingLeadByteReadsTrailZero) {
 }
 
 TEST(IdcardGbkConvert, NullArguments) {
-    char out[4];
+    char out[8];  // the code outputs are cleared on 8 bytes
     uint8_t uout[4];
     EXPECT_EQ(KOLT_idInfoConvert2gb(nullptr, 2, out), -1);
     EXPECT_EQ(convert2gb(nullptr, 2, out), -1);
