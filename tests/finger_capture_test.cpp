@@ -4,6 +4,7 @@
 // failure, and the fingerprint server settings.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <string>
@@ -272,4 +273,49 @@ TEST(FingerSimProfile, ReadsTheFingerprintPart) {
     EXPECT_EQ(p.finger.type, "ef01");
     EXPECT_EQ(p.finger.finger_after_ms, 250);
     EXPECT_THROW(kolt::sim::parse_device_profile(R"({"fingerprint": {"type": "optical"}})"), std::runtime_error);
+}
+
+// ---------------------------------------------------------------------------
+// Through the teller terminal's auxiliary port: every write between the lead
+// and end sequences.
+
+namespace {
+
+kolt::sim::Options terminal_with(const std::string& type) {
+    kolt::sim::Options o;
+    o.terminal.type = 1;
+    o.terminal.port = 1;
+    o.profile.finger.type = type;
+    return o;
+}
+
+Captured capture_on_terminal(kolt::sim::Simulator& sim) {
+    std::vector<char> out(KOLT_FP_FEATURE_HEX_MAX, 0);
+    Captured c;
+    c.rc = KOLT_T41_FP_GenChar(1, sim.slave_path().c_str(), 1, "", 0, out.data(), 5);
+    c.hex = out.data();
+    return c;
+}
+
+}  // namespace
+
+TEST(FingerTerminal, ModuleCaptureThroughTheAuxiliaryPort) {
+    kolt::test::ScopedSimulator sim(terminal_with("ef01"));
+    sim->place_finger(finger(0x42));
+    const Captured c = capture_on_terminal(*sim);
+    EXPECT_EQ(c.rc, 0);
+    EXPECT_EQ(c.hex, hex(finger(0x42)));
+    EXPECT_TRUE(sim->terminal_errors().empty());
+    const auto events = sim->terminal_events();
+    // Detection and the six commands, each wrapped.
+    EXPECT_EQ(std::count(events.begin(), events.end(), "lead"), 7);
+}
+
+TEST(FingerTerminal, FramedCaptureThroughTheAuxiliaryPort) {
+    kolt::test::ScopedSimulator sim(terminal_with("framed"));
+    sim->place_finger(finger(0x24));
+    const Captured c = capture_on_terminal(*sim);
+    EXPECT_EQ(c.rc, 0);
+    EXPECT_EQ(c.hex, hex(finger(0x24)));
+    EXPECT_TRUE(sim->terminal_errors().empty());
 }
