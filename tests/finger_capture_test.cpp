@@ -319,3 +319,14 @@ TEST(FingerTerminal, FramedCaptureThroughTheAuxiliaryPort) {
     EXPECT_EQ(c.hex, hex(finger(0x24)));
     EXPECT_TRUE(sim->terminal_errors().empty());
 }
+
+TEST(FingerProfileFinger, FingerComesAfterTheProfilesDelay) {
+    kolt::sim::Options o;
+    o.profile.finger.type = "ef01";
+    o.profile.finger.finger_after_ms = 300;
+    kolt::test::ScopedSimulator sim(o);
+    const Captured c = capture(5);
+    EXPECT_EQ(c.rc, 0);
+    EXPECT_EQ(c.hex, hex(kolt::sim::default_finger_features()));
+    EXPECT_GT(sim->finger_captures(), 2);
+}
