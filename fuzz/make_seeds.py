@@ -506,6 +506,23 @@ add("id_card_record", record([(32, 4, "99")]))
 add("id_card_record", b"\x00" * 10)
 
 # ---------------------------------------------------------------------------
+# The fingerprint module's packets (tests/finger_ef01_test.cpp): answers,
+# data packets, stray bytes, short, oversized and malformed lengths, behind
+# a room byte (0: the reader's own room).
+def ef01(pid, payload, length_extra=0):
+    n = len(payload) + 2 + length_extra
+    s = (pid + (n >> 8) + (n & 0xFF) + sum(payload)) & 0xFFFF
+    return b"\xef\x01\xff\xff\xff\xff" + bytes([pid]) + u16(n & 0xFFFF) + payload + u16(s)
+for room, packet in ((0, ef01(0x07, b"\x00")), (0, ef01(0x07, b"\x02")), (0, ef01(0x01, b"\x01")),
+                     (0, ef01(0x01, b"\x06\x01\x00\x58")), (0, ef01(0x02, bytes(range(128)))),
+                     (0, ef01(0x08, bytes(range(128, 256)))), (0, ef01(0x07, bytes(300))),
+                     (0, ef01(0x07, b"\x00", 0x1000)), (0, ef01(0x07, b"\x00")[:10]),
+                     (0, ef01(0x07, b"\x00")[:8]), (0, b"\xef\x02" + ef01(0x07, b"\x00")[2:]),
+                     (0, ef01(0x07, b"")), (11, ef01(0x07, b"\x00")), (12, ef01(0x07, b"\x00")),
+                     (0, b"\x11\x22" + ef01(0x07, b"\x09")), (0, b"")):
+    add("finger_ef01_reply", bytes([room]) + packet)
+
+# ---------------------------------------------------------------------------
 # Seeds that show a library defect not fixed yet stay out of the corpus (the
 # test suite replays the corpus); their inputs are kept in fuzz/pending/.
 # An entry goes when the fix is in.

@@ -453,6 +453,29 @@ KOLT_API int32_t idCovToGBK(const uint8_t *raw, char *out);                     
 KOLT_API int32_t converZh(const char *hex4, uint8_t *out2);                        /* 2 bytes of a 4-hex key in the loaded 8-byte record table; 1, -1 not found (message on stdout) or null */
 /* ---- KOLT-IDCODE-END ---- */
 
+/* ---- KOLT-FINGER-BEGIN (fingerprint sensor: framed sensor and EF01 module) ---- */
+/*
+ * The sensor is either the framed one (device type 0, class 0x37) or a
+ * module speaking EF01 packets on the same line (device type 1). Feature
+ * data is 256 bytes, handed out as 512 upper-case hex digits and a
+ * terminator. The ARA_EM02_ calls and KOLT_T41_FP_Init work on the open
+ * link; KOLT_T41_FP_GenChar opens and closes it itself.
+ */
+#define KOLT_FP_PACKET_MAX 267   /* room of an EF01 packet buffer: 9 header bytes, 256 payload bytes, the sum */
+#define KOLT_FP_FEATURE_SIZE 256 /* bytes of feature data */
+#define KOLT_FP_FEATURE_HEX_MAX 513 /* room of the feature text, terminator included */
+#define KOLT_FP_SERVERIP_MAX 256 /* room of KOLT_T41_FP_ReadCfg's address text, terminator included */
+
+KOLT_API int32_t ARA_EM02_Protocol(uint8_t pid, const uint8_t *payload, int32_t len, uint8_t *out, int32_t *outLen); /* EF01 packet for a payload into out (room len + 11); 0, -1 bad argument */
+KOLT_API int32_t ARA_EM02_WriteAndRead(uint8_t pid, const uint8_t *payload, int32_t len, uint8_t *reply, int32_t timeoutSecs); /* packet out, answer into reply (KOLT_FP_PACKET_MAX); its length, -1 no header, -2 short body, -3 length field malformed or past the room */
+KOLT_API int32_t ARA_EM02_Read(uint8_t *reply, int32_t timeoutSecs);              /* one packet that comes without a command, as ARA_EM02_WriteAndRead */
+KOLT_API int32_t ARA_EM02_GenChar(uint8_t *featureOut, int32_t timeoutSecs);      /* EF01 capture into 256 bytes; 0, -1..-6 the failing step, -7 time-out, -8 data packets */
+KOLT_API int32_t KOLT_T41_FP_Init(uint8_t param);                                 /* framed sensor init (0x37 0x93); 0, -1 exchange failed, -2 status not zero */
+KOLT_API int32_t KOLT_FP_GetDeviceType(void);                                     /* 0 framed sensor, 1 EF01 module, -1 no answer */
+KOLT_API int32_t KOLT_T41_FP_GenChar(int32_t termType, const char *portArg, int32_t port, const char *auxArg, int32_t a5, char *featureHexOut, int32_t timeoutSecs); /* opens the link, captures, closes; hex into featureHexOut (KOLT_FP_FEATURE_HEX_MAX); 0, -1 port, -2 time-out, -3 exchange or device, -4 EF01 capture */
+KOLT_API int32_t KOLT_T41_FP_ReadCfg(char *serverIpOut, int32_t *serverPortOut);  /* "serverip" (KOLT_FP_SERVERIP_MAX) and "serverport" of $HOME/librun/koltt41fp.cfg; 0, -1 no serverip, -2 no serverport */
+/* ---- KOLT-FINGER-END ---- */
+
 #ifdef __cplusplus
 }
 #endif

@@ -17,7 +17,8 @@ uint8_t slot_state(const std::shared_ptr<Card>& card, bool powered) {
 }  // namespace
 
 DeviceModel::DeviceModel(DeviceProfile profile)
-    : profile_(std::move(profile)), id_answer_(profile_.id_answer), stripe_(profile_.stripe) {}
+    : profile_(std::move(profile)), id_answer_(profile_.id_answer), stripe_(profile_.stripe),
+      finger_(profile_.finger, std::chrono::steady_clock::now()) {}
 
 // --- cards --------------------------------------------------------------------
 

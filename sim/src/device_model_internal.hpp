@@ -18,6 +18,7 @@
 
 #include "kolt_sim/card.hpp"
 #include "kolt_sim/simulator.hpp"
+#include "finger_unit_internal.hpp"
 #include "stripe_unit_internal.hpp"
 
 namespace kolt::sim {
@@ -69,6 +70,10 @@ public:
     StripeUnit& stripe() { return stripe_; }
     const StripeUnit& stripe() const { return stripe_; }
 
+    // --- fingerprint sensor ------------------------------------------------
+    FingerUnit& finger() { return finger_; }
+    const FingerUnit& finger() const { return finger_; }
+
     // --- unit data --------------------------------------------------------
     // Version bytes for a selector; nullopt for a selector the unit lacks.
     std::optional<std::vector<uint8_t>> version(uint8_t selector) const;
@@ -99,6 +104,7 @@ private:
     std::optional<std::pair<uint8_t, uint8_t>> id_error_;
     std::vector<std::vector<uint8_t>> id_displays_;
     StripeUnit stripe_;
+    FingerUnit finger_;
 };
 
 }  // namespace kolt::sim

@@ -138,6 +138,20 @@ void add_stripe_commands(Dispatcher& d, DeviceModel& m) {
                    }});
 }
 
+// The fingerprint sensor: the framed variant's class 0x37 and the EF01
+// module's packets, each answered only when the profile's variant is there.
+void add_finger_commands(Dispatcher& d, DeviceModel& m) {
+    for (uint8_t code : {uint8_t{0x93}, uint8_t{0x96}}) {
+        d.add_main(0x37, code, [&m](const Command& c) { return m.finger().framed(c, std::chrono::steady_clock::now()); });
+    }
+    d.set_fallback(Framing::Ef01, Route{[&m](const Command& c) -> std::optional<Reply> {
+                                            Bytes out = m.finger().packet(c, std::chrono::steady_clock::now());
+                                            if (out.empty()) return std::nullopt;
+                                            return Reply{0x00, 0x00, std::move(out)};
+                                        },
+                                        ReplyForm::Raw, 0});
+}
+
 Handler fixed(Bytes data) {
     return [data = std::move(data)](const Command&) { return std::optional<Reply>(Reply{0x00, 0x00, data}); };
 }
@@ -171,6 +185,7 @@ void add_builtin_commands(Dispatcher& d, DeviceModel& model) {
     add_card_commands(d, model);
     add_identity_commands(d, model);
     add_stripe_commands(d, model);
+    add_finger_commands(d, model);
     add_family_commands(d, model);
     for (const auto& [key, status] : model.profile().status_overrides)
         d.set_status(static_cast<uint8_t>(key >> 8), static_cast<uint8_t>(key & 0xFF), status.first, status.second);

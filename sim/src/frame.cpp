@@ -233,6 +233,11 @@ Bytes encode_answer(const Answer& answer, const Tweak& tw) {
         }
         case ReplyForm::Bracket: return encode_bracket_frame(answer.cmd, r.data, tw);
         case ReplyForm::Legacy86: return encode_86_frame(r.data, tw);
+        case ReplyForm::Raw: {
+            Bytes out = r.data;
+            if (!out.empty()) out.back() ^= tw.check_xor;
+            return out;
+        }
     }
     return {};
 }

@@ -28,6 +28,7 @@ enum class ReplyForm {
     Special,   // the identity-card read reply: status pair and data as base64 text
     Bracket,   // bracket frame: `cmd` and the data as its body
     Legacy86,  // 0x86 family: the data as the payload
+    Raw,       // the data as it is (EF01 packets, already whole)
 };
 
 // A reply as the command handling decided it, before it is encoded.

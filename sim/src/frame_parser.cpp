@@ -196,6 +196,39 @@ FrameParser::Parse FrameParser::try_escape_write(size_t& n, Sink& sink) {
     return Parse::Complete;
 }
 
+// The fingerprint module's packet: EF 01, four address bytes, identifier,
+// length (payload + 2), payload, sum. A second byte other than 01 is no
+// packet; a length the module could not take, or a wrong sum, is a
+// damaged one.
+namespace {
+constexpr size_t kEf01Head = 9;
+constexpr size_t kEf01MaxBody = 2 + 256;
+}  // namespace
+
+FrameParser::Parse FrameParser::try_ef01(size_t& n, Sink& sink) {
+    if (in_.size() < 2) return Parse::NeedMore;
+    if (in_[1] != 0x01) return Parse::NotFrame;
+    if (in_.size() < kEf01Head) return Parse::NeedMore;
+    const size_t len = static_cast<size_t>(in_[7]) << 8 | in_[8];
+    if (len < 3 || len > kEf01MaxBody) {
+        error(sink, "EF01 packet with a length of " + std::to_string(len), kEf01Head);
+        return Parse::Bad;
+    }
+    const size_t total = kEf01Head + len;
+    if (in_.size() < total) return Parse::NeedMore;
+    n = total;
+    unsigned sum = 0;
+    for (size_t i = 6; i < total - 2; ++i) sum += in_[i];
+    if ((sum & 0xFFFF) != (static_cast<unsigned>(in_[total - 2]) << 8 | in_[total - 1])) {
+        error(sink, "EF01 packet with a wrong sum", total);
+        return Parse::Bad;
+    }
+    Bytes payload(in_.begin() + kEf01Head, in_.begin() + static_cast<long>(total - 2));
+    const uint8_t ins = payload.empty() ? 0 : payload[0];
+    sink.command(Command{Framing::Ef01, 0xEF, ins, std::move(payload)});
+    return Parse::Complete;
+}
+
 // Raw rules come first: 1 fired, 0 no match, -1 a trigger has begun.
 int FrameParser::try_raw(Sink& sink) {
     bool partial = false;
@@ -221,6 +254,7 @@ FrameParser::Parse FrameParser::try_frame(size_t& n, Sink& sink, bool idle) {
         case '(': return try_bracket(n, sink);
         case '8': return try_86(n, sink, idle);
         case 0x1B: return try_escape(n, sink, idle);
+        case 0xEF: return try_ef01(n, sink);
         default: return Parse::NotFrame;
     }
 }

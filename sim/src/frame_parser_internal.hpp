@@ -54,6 +54,7 @@ private:
     Parse try_86(size_t& n, Sink& sink, bool idle);
     Parse try_probe(size_t& n, Sink& sink, bool idle);
     Parse try_escape(size_t& n, Sink& sink, bool idle);
+    Parse try_ef01(size_t& n, Sink& sink);
     Parse try_escape_read(size_t& n, Sink& sink, bool idle);
     Parse try_escape_write(size_t& n, Sink& sink);
     void escape(Sink& sink, size_t n);

@@ -312,6 +312,36 @@ void read_stripe(const cJSON* v, StripeProfile& sp) {
     }
 }
 
+// "fingerprint": {"type": "none"|"framed"|"ef01", "features": "hex" (256
+// bytes), "finger_after_ms": N, "no_finger_status": "0001",
+// "no_finger_code": "02"}.
+void read_finger(const cJSON* v, FingerProfile& fp) {
+    if (!cJSON_IsObject(v)) fail("\"fingerprint\" must be an object");
+    check_keys(v, {"type", "features", "finger_after_ms", "no_finger_status", "no_finger_code", "comment"},
+               "fingerprint");
+    auto get = [&](const char* key) { return cJSON_GetObjectItemCaseSensitive(v, key); };
+    if (const cJSON* c = get("type")) {
+        fp.type = get_string(c, "fingerprint.type");
+        if (fp.type != "none" && fp.type != "framed" && fp.type != "ef01")
+            fail("\"fingerprint.type\" must be \"none\", \"framed\" or \"ef01\"");
+    }
+    if (const cJSON* c = get("features")) {
+        fp.features = get_hex(c, "fingerprint.features");
+        if (fp.features.size() != 256) fail("\"fingerprint.features\" must be 256 bytes");
+    }
+    if (const cJSON* c = get("finger_after_ms"))
+        fp.finger_after_ms = static_cast<int>(get_int(c, "fingerprint.finger_after_ms", -1, 86400000));
+    if (const cJSON* c = get("no_finger_status")) {
+        std::tie(fp.no_finger_status[0], fp.no_finger_status[1]) = get_status(c, "fingerprint.no_finger_status");
+        if (fp.no_finger_status[0] == 0 && fp.no_finger_status[1] == 0)
+            fail("\"fingerprint.no_finger_status\" must not be 0000");
+    }
+    if (const cJSON* c = get("no_finger_code")) {
+        fp.no_finger_code = get_byte(c, "fingerprint.no_finger_code");
+        if (fp.no_finger_code == 0) fail("\"fingerprint.no_finger_code\" must not be 00");
+    }
+}
+
 std::string read_text_file(const std::string& path, const char* what) {
     std::ifstream in(path, std::ios::binary);
     if (!in) throw std::runtime_error(std::string(what) + ": cannot open " + path);
@@ -386,7 +416,7 @@ DeviceProfile parse_device_profile(const std::string& json_text) {
     const cJSON* r = root.get();
     check_keys(r,
                {"name", "family", "greeting", "disconnect", "legacy86_reply", "versions", "module_serial",
-                "identity_card", "unknown_reply", "status_overrides", "stripe", "comment"},
+                "identity_card", "unknown_reply", "status_overrides", "stripe", "fingerprint", "comment"},
                "the profile");
     DeviceProfile p = default_profile();
     auto get = [&](const char* key) { return cJSON_GetObjectItemCaseSensitive(r, key); };
@@ -402,6 +432,7 @@ DeviceProfile parse_device_profile(const std::string& json_text) {
     if (const cJSON* v = get("unknown_reply")) p.unknown_reply = read_unknown_reply(v);
     if (const cJSON* v = get("status_overrides")) read_status_overrides(v, p);
     if (const cJSON* v = get("stripe")) read_stripe(v, p.stripe);
+    if (const cJSON* v = get("fingerprint")) read_finger(v, p.finger);
     return p;
 }
 

@@ -20,6 +20,7 @@ const char* framing_name(Framing f) {
         case Framing::Probe: return "probe";
         case Framing::Raw: return "raw";
         case Framing::Escape: return "escape";
+        case Framing::Ef01: return "ef01";
     }
     return "?";
 }
@@ -204,6 +205,39 @@ void Simulator::add_raw_rule(std::vector<uint8_t> trigger, std::vector<uint8_t> 
 void Simulator::clear_raw_rules() { impl_->server.clear_raw_rules(); }
 
 void Simulator::write_raw(std::span<const uint8_t> bytes) { impl_->server.write_raw(bytes); }
+
+// --- fingerprint sensor ----------------------------------------------------------------
+
+void Simulator::set_finger_type(std::string type) {
+    auto l = impl_->server.lock();
+    impl_->model.finger().set_type(std::move(type));
+}
+
+void Simulator::place_finger(std::vector<uint8_t> features, int after_ms) {
+    auto l = impl_->server.lock();
+    impl_->model.finger().place(std::move(features),
+                                std::chrono::steady_clock::now() + std::chrono::milliseconds(after_ms));
+}
+
+void Simulator::lift_finger() {
+    auto l = impl_->server.lock();
+    impl_->model.finger().lift();
+}
+
+void Simulator::set_finger_failure(int step, int code) {
+    auto l = impl_->server.lock();
+    impl_->model.finger().set_failure(step, code);
+}
+
+void Simulator::clear_finger_failures() {
+    auto l = impl_->server.lock();
+    impl_->model.finger().clear_failures();
+}
+
+int Simulator::finger_captures() const {
+    auto l = impl_->server.lock();
+    return impl_->model.finger().captures();
+}
 
 // --- magnetic stripe unit ------------------------------------------------------------
 

@@ -163,6 +163,11 @@ const char kPromptHelp[] =
     "  id-card-after N FILE     no identity card for N find or read commands, then this one\n"
     "  id-error on|off          identity reads answer the module's error status (00 41)\n"
     "  id-displays              the verification results the host sent to the display\n"
+    "  finger [MS]              put the profile's finger on the fingerprint sensor (after MS ms)\n"
+    "  finger off               lift the finger\n"
+    "  finger-fail STEP CODE    make capture step STEP (1..7) answer CODE (< 0: no answer)\n"
+    "  finger-fail off          every step succeeds again\n"
+    "  finger-type TYPE         the sensor variant: none, framed or ef01\n"
     "  help                     this text\n"
     "  quit                     stop the simulator\n";
 
@@ -203,6 +208,37 @@ void id_command(kolt::sim::Simulator& sim, const std::vector<std::string>& w) {
             const auto displays = sim.id_displays();
             std::printf("display commands: %zu\n", displays.size());
             for (const auto& d : displays) std::printf("  %s\n", kolt::sim::describe_id_display(d).c_str());
+        } else {
+            std::printf("unknown command: %s (try help)\n", cmd.c_str());
+        }
+    } catch (const std::exception& e) {
+        std::printf("%s\n", e.what());
+    }
+}
+
+// The fingerprint commands of the prompt.
+void finger_command(kolt::sim::Simulator& sim, const std::vector<std::string>& w) {
+    const std::string& cmd = w[0];
+    try {
+        if (cmd == "finger" && w.size() == 2 && w[1] == "off") {
+            sim.lift_finger();
+            std::printf("finger lifted\n");
+        } else if (cmd == "finger" && w.size() <= 2) {
+            const int ms = w.size() == 2 ? std::stoi(w[1]) : 0;
+            sim.place_finger({}, ms);
+            std::printf("finger on the sensor in %d ms\n", ms);
+        } else if (cmd == "finger-fail" && w.size() == 2 && w[1] == "off") {
+            sim.clear_finger_failures();
+            std::printf("every capture step succeeds\n");
+        } else if (cmd == "finger-fail" && w.size() == 3) {
+            const int step = std::stoi(w[1]);
+            const int code = std::stoi(w[2], nullptr, 0);
+            sim.set_finger_failure(step, code);
+            std::printf("capture step %d answers %d\n", step, code);
+        } else if (cmd == "finger-type" && w.size() == 2 &&
+                   (w[1] == "none" || w[1] == "framed" || w[1] == "ef01")) {
+            sim.set_finger_type(w[1]);
+            std::printf("fingerprint sensor: %s\n", w[1].c_str());
         } else {
             std::printf("unknown command: %s (try help)\n", cmd.c_str());
         }
@@ -253,6 +289,8 @@ bool prompt_command(kolt::sim::Simulator& sim, const kolt::sim::StripeProfile& s
                     cmds.empty() ? "" : kolt::sim::printable(std::string_view(reinterpret_cast<const char*>(cmds.back().data()), cmds.back().size())).c_str());
     } else if (cmd.rfind("id-", 0) == 0) {
         id_command(sim, w);
+    } else if (cmd.rfind("finger", 0) == 0) {
+        finger_command(sim, w);
     } else if (cmd == "help" || cmd == "?") {
         std::fputs(kPromptHelp, stdout);
     } else if (cmd == "quit" || cmd == "exit") {

@@ -89,4 +89,12 @@ bool sleep_until(const Deadline& deadline, const volatile int32_t* cancel) {
 
 void sleep_ms(long long ms) { sleep_until(Deadline::after_ms(ms)); }
 
+void pause_us(long long us) {
+    if (us <= 0) return;
+    us = std::min<long long>(us, kIdleSliceMs * 1000LL);
+    timespec ts{static_cast<time_t>(us / 1000000), static_cast<long>(us % 1000000) * 1000};
+    while (nanosleep(&ts, &ts) < 0 && errno == EINTR) {
+    }
+}
+
 }  // namespace kolt::link

@@ -56,6 +56,10 @@ bool sleep_until(const Deadline& deadline, const volatile int32_t* cancel = null
 // Sleeps ms milliseconds.
 void sleep_ms(long long ms);
 
+// A pause shorter than a millisecond between two polls of a device (the
+// fingerprint sensors' 500 us); at most kIdleSliceMs.
+void pause_us(long long us);
+
 // Milliseconds on the monotonic clock.
 long long monotonic_ms();
 

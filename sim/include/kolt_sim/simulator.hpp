@@ -10,6 +10,7 @@
 // accessor may be called from any thread at any time.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -34,6 +35,7 @@ enum class Framing {
     Probe,     // the 20-character device-family probe
     Raw,       // bytes outside any frame that matched a raw rule
     Escape,    // the stripe reader's escape sequences (ESC ...), unframed
+    Ef01,      // the fingerprint module's packets (EF 01 ...)
 };
 
 const char* framing_name(Framing f);
@@ -50,6 +52,8 @@ std::string printable(std::string_view bytes);
 //   Raw:      cls = 0, code = 0, data = the trigger bytes of the rule.
 //   Escape:   cls = 0x1B, code = the letter after ESC ('O' read, 't' write,
 //             '0' reset), data = the whole sequence as received.
+//   Ef01:     cls = 0xEF, code = the instruction (first payload byte),
+//             data = the payload.
 struct Command {
     Framing framing = Framing::Main;
     uint8_t cls = 0;
@@ -129,6 +133,25 @@ struct StripeProfile {
     bool write_fails = false;
 };
 
+// The fingerprint sensor's part of a profile.
+struct FingerProfile {
+    // "none" (no sensor: neither variant answers), "framed" (class 0x37 of
+    // the main frame) or "ef01" (the module speaking EF01 packets).
+    std::string type = "none";
+    // The finger's 256 feature bytes; empty: default_finger_features().
+    std::vector<uint8_t> features;
+    // A finger lies on the sensor this many ms after the simulator is made;
+    // -1: only when placed (place_finger, the prompt's "finger").
+    int finger_after_ms = -1;
+    // Framed sensor: status pair of a capture without a finger.
+    std::array<uint8_t, 2> no_finger_status{0x00, 0x01};
+    // EF01 module: confirmation code of a capture without a finger.
+    uint8_t no_finger_code = 0x02;
+};
+
+// The built-in finger: 256 bytes, byte i = 0x5A ^ (7 * i).
+std::vector<uint8_t> default_finger_features();
+
 // The built-in demonstration card of the stripe unit.
 StripeCard default_stripe_card();
 // A stripe card from JSON: {"track1": "...", "track2": "...", "track3": "..."},
@@ -166,6 +189,8 @@ struct DeviceProfile {
     std::map<uint16_t, std::pair<uint8_t, uint8_t>> status_overrides;
     // The magnetic stripe unit.
     StripeProfile stripe;
+    // The fingerprint sensor.
+    FingerProfile finger;
 };
 
 // The built-in profile (the same as sim/profiles/default.json).
@@ -330,6 +355,23 @@ public:
     bool stripe_waiting() const;
     // Swipes queued and not yet taken.
     size_t stripe_swipes_queued() const;
+
+    // --- fingerprint sensor ---------------------------------------------------
+    // The sensor variant: "none", "framed" or "ef01" (as the profile's).
+    void set_finger_type(std::string type);
+    // A finger with these 256 feature bytes (empty: the profile's) lies on
+    // the sensor from after_ms from now on.
+    void place_finger(std::vector<uint8_t> features = {}, int after_ms = 0);
+    void lift_finger();
+    // Makes one step fail: 1 capture, 2 generate, 3 store, 4 load, 5 merge,
+    // 6 upload (EF01 module: the confirmation code; framed sensor, step 1
+    // only: the second status byte of the capture); code < 0: no answer.
+    // Step 7, the data packets: code < 0 none come, code > 0 the first one
+    // has a length field 4096 too long.
+    void set_finger_failure(int step, int code);
+    void clear_finger_failures();
+    // Capture commands received (framed 37 96 or EF01 capture image).
+    int finger_captures() const;
 
     // --- terminal mode --------------------------------------------------
     // Every sequence the terminal did not expect, in order, as readable text.
