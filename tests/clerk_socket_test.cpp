@@ -20,6 +20,7 @@
 #include "clerk/net.hpp"
 #include "common/test_util.hpp"
 #include "kolt/kolt.h"
+#include "support/log.hpp"
 
 namespace {
 
@@ -309,6 +310,26 @@ TEST(ClerkSettings, SourceCanBeReplaced) {
     EXPECT_EQ(RefreshPwd("0101", "1001", "n"), 4);
     clerk::set_settings_source([] { return clerk::ServerSettings{-2, "127.0.0.1", 0}; });
     EXPECT_EQ(RefreshPwd("0101", "1001", "n"), -8);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(ClerkLog, AnswerIsLoggedInTheClerkLogDirectory) {
+    ScriptedServer server({kDecl + "<koltes><result>0</result><response><password>pw</password></response></koltes>"});
+    TempDir logs;
+    Home home(server.port());
+    home.dir.write("librun/koltt41fp.cfg", "serverip=127.0.0.1\nserverport=" + std::to_string(server.port()) +
+                                               "\nlogdir=" + logs.str() + "\n");
+    kolt::log::set_switch(1);
+    clerk::set_feature_source([](const clerk::CaptureArgs&) { return clerk::Capture{0, "00"}; });
+    char pw[KOLT_CLERK_PASSWORD_MAX] = "";
+    EXPECT_EQ(Verify_clerk_finger(0, "", 1, "", 5, "0101", "1001", pw), 0);
+    const std::string text = kolt::test::read_file(kolt::log::file_in(logs.str()));
+    EXPECT_NE(text.find("Verify_clerk_finger begin..."), std::string::npos) << text;
+    EXPECT_NE(text.find("Verify_clerk_finger readXmlBuf =" + kDecl + "<koltes><result>0</result>"), std::string::npos)
+        << text;
 }
 
 }  // namespace
