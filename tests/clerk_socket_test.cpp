@@ -333,3 +333,25 @@ TEST(ClerkLog, AnswerIsLoggedInTheClerkLogDirectory) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(ClerkVerify, PasswordLeftAloneWithoutResult) {
+    clerk::set_feature_source([](const clerk::CaptureArgs&) { return clerk::Capture{0, "00"}; });
+    {
+        ScriptedServer server({kDecl + "<koltes><response><password>p</password></response></koltes>"});
+        Home home(server.port());
+        char pw[KOLT_CLERK_PASSWORD_MAX] = "keep";
+        EXPECT_EQ(Verify_clerk_finger(0, "", 1, "", 5, "0101", "1001", pw), -3);
+        EXPECT_STREQ(pw, "keep");
+    }
+    {
+        ScriptedServer server({kDecl + "<koltes><result></result><response><password>p</password></response></koltes>"});
+        Home home(server.port());
+        char pw[KOLT_CLERK_PASSWORD_MAX] = "keep";
+        EXPECT_EQ(Verify_clerk_finger(0, "", 1, "", 5, "0101", "1001", pw), -3);
+        EXPECT_STREQ(pw, "p");
+    }
+}
+
+}  // namespace

@@ -128,8 +128,7 @@ Verification verify_clerk_finger(const CaptureArgs& capture, std::string_view ba
     if (password.code != 0) return {-7, {}};
     Verification v;
     v.password = std::string(password.value.substr(0, kPasswordRoom - 1));
-    if (result.value.empty()) return {-3, v.password};
-    v.code = std::atoi(std::string(result.value).c_str());
+    v.code = result.value.empty() ? -3 : std::atoi(std::string(result.value).c_str());
     return v;
 }
 

@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -65,10 +66,12 @@ ServerSettings settings_from_file();
 // Verify_clerk_finger. 0 or the server's "result", with the clerk's
 // password (cut to kPasswordRoom - 1 characters); -1 network, -2 empty
 // answer, -3 no result, -5 capture: exchange or unknown sensor, -6 capture:
-// other, -7 no response or password, -8 no server settings.
+// other, -7 no response or password, -8 no server settings. The password
+// is taken whenever the answer has one and a "result" element (so also
+// with -3 for an empty result).
 struct Verification {
     int32_t code = 0;
-    std::string password;
+    std::optional<std::string> password;
 };
 Verification verify_clerk_finger(const CaptureArgs& capture, std::string_view bank_code, std::string_view clerk_num,
                                  int timeout_secs = kNetTimeoutSecs);

@@ -1,8 +1,6 @@
 // Exported C entry points of the clerk verification service.
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <string>
 
 #include "clerk/clerk.hpp"
@@ -37,7 +35,7 @@ KOLT_API int32_t Verify_clerk_finger(int32_t termType, const char* portArg, int3
     args.a5 = 3;
     args.timeout_secs = timeoutSecs;
     const clerk::Verification v = clerk::verify_clerk_finger(args, text(bankCode), text(clerkNum));
-    if (v.code >= 0 || v.code == -3) kolt::capi::copy_text(passwordOut, v.password, KOLT_CLERK_PASSWORD_MAX);
+    if (v.password) kolt::capi::copy_text(passwordOut, *v.password, KOLT_CLERK_PASSWORD_MAX);
     return v.code;
 }
 
@@ -65,13 +63,7 @@ KOLT_API int32_t sendedXmlOld(char* out, const char* bankCode, const char* clerk
 }
 
 KOLT_API int32_t socketConnect(int32_t fd, const struct sockaddr* addr, uint32_t addrLen, int32_t timeoutSecs) {
-    const int r = clerk::connect_with_timeout(fd, addr, static_cast<socklen_t>(addrLen), timeoutSecs);
-    if (r == -2 || r == -5) {
-        const int saved = errno;
-        ::close(fd);
-        errno = saved;
-    }
-    return r;
+    return clerk::socket_connect(fd, addr, static_cast<socklen_t>(addrLen), timeoutSecs);
 }
 
 KOLT_API int32_t socketXmlRead(int32_t fd, char* replyBuf, const char* startMark, const char* endMark,

@@ -61,6 +61,16 @@ int connect_with_timeout(int fd, const sockaddr* addr, socklen_t len, int timeou
     return 0;
 }
 
+int socket_connect(int fd, const sockaddr* addr, socklen_t len, int timeout_secs) {
+    const int r = connect_with_timeout(fd, addr, len, timeout_secs);
+    if (r == -2 || r == -5) {
+        const int saved = errno;
+        ::close(fd);
+        errno = saved;
+    }
+    return r;
+}
+
 Answer read_answer(int fd, std::string_view start_mark, std::string_view end_mark, int timeout_secs,
                    std::size_t room) {
     const link::Deadline deadline = link::Deadline::after_ms(static_cast<long long>(std::max(timeout_secs, 0)) * 1000);

@@ -21,6 +21,8 @@ inline constexpr std::size_t kReplyRoom = 16384;
 // socket being ready; -5 the connection failed (errno its error). The
 // descriptor is not closed here: the C entry point closes it on -2 and -5.
 int connect_with_timeout(int fd, const sockaddr* addr, socklen_t len, int timeout_secs);
+// The same, closing fd on -2 and -5 (errno kept), as socketConnect does.
+int socket_connect(int fd, const sockaddr* addr, socklen_t len, int timeout_secs);
 
 // socketXmlRead: waits timeout_secs (from the call) for the answer from
 // start_mark to end_mark. 0 with the answer; -1 no start mark in time (or
