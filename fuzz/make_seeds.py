@@ -521,6 +521,38 @@ for room, packet in ((0, ef01(0x07, b"\x00")), (0, ef01(0x07, b"\x02")), (0, ef0
                      (0, ef01(0x07, b"")), (11, ef01(0x07, b"\x00")), (12, ef01(0x07, b"\x00")),
                      (0, b"\x11\x22" + ef01(0x07, b"\x09")), (0, b"")):
     add("finger_ef01_reply", bytes([room]) + packet)
+# The clerk service (tests/clerk_*_test.cpp): answers of the verification
+# server for node extraction (a short field with the element name, then the
+# text) and for the answer accumulator (room, segment size, start and end
+# marks as short fields, then the bytes as they arrive).
+DECL = b'<?xml version="1.0" encoding="UTF-8"?>'
+CLERK_ANSWERS = [
+    DECL + b"<koltes><msgflagresult>0</msgflagresult></koltes>",
+    DECL + b"<koltes><msgflagresult></msgflagresult></koltes>",
+    DECL + b"<koltes><updatepwdresult>0</updatepwdresult></koltes>",
+    DECL + b"<koltes><result>0</result><response><password>111111</password></response></koltes>",
+    DECL + b"<koltes><result>1</result><response><password></password></response></koltes>",
+    DECL + b"<koltes><result>99</result><msgflagresult>99</msgflagresult><updatepwdresult>99</updatepwdresult>"
+           b"<error>line 1: xmlParseEntityRef: no name</error></koltes>",
+    DECL + b"<koltes><result>0</result></koltes>",
+    DECL + b"<koltes><result>0</result><response></response></koltes>",
+    DECL + b"<koltes><msgflagresult>1</msgflagresult>",
+    b"<result code=\"1\">0</result>",
+    b"<r><r>x</r></r>",
+    b"",
+]
+for answer in CLERK_ANSWERS:
+    for name in (b"result", b"msgflagresult", b"updatepwdresult", b"response", b"password", b"r", b""):
+        if name in answer or name == b"":
+            add("clerk_xml_node", short(name) + answer)
+add("clerk_xml_node", short(b"password") + b"<password>a<b&c</password>")
+for answer in CLERK_ANSWERS:
+    for room, step in ((16384, 7), (16384, 255), (40, 3), (0, 1)):
+        add("clerk_reply", u16(room) + bytes([step]) + short(b"<?xml") + short(b"</koltes>") + answer)
+add("clerk_reply", u16(16384) + bytes([5]) + short(b"<?xml") + short(b"</koltes>") + b"xx" + CLERK_ANSWERS[0])
+add("clerk_reply", u16(100) + bytes([1]) + short(b"") + short(b"") + b"abc")
+add("clerk_reply", u16(16384) + bytes([16]) + short(b"<?xml") + short(b"</MSG>") + DECL + b"<MSG><BODY>ok</BODY></MSG>")
+add("clerk_reply", u16(64) + bytes([9]) + short(b"<?xml") + short(b"</koltes>") + b"\x01\x02 not an answer \xff" * 8)
 
 # ---------------------------------------------------------------------------
 # Seeds that show a library defect not fixed yet stay out of the corpus (the

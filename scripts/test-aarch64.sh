@@ -28,7 +28,7 @@ fi
 kolt_ensure_packages "${KOLT_BUILD_PACKAGES[@]}" file qemu-user qemu-user-binfmt \
     g++-aarch64-linux-gnu binutils-aarch64-linux-gnu libc6-dev-arm64-cross \
     libc6:arm64 libstdc++6:arm64 libgcc-s1:arm64 \
-    libcjson-dev:arm64 libssl-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64
+    libcjson-dev:arm64 libssl-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64 libxml2-dev:arm64
 
 qemu="$(command -v qemu-aarch64-static || command -v qemu-aarch64)"
 

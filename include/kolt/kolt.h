@@ -404,6 +404,32 @@ KOLT_API int32_t YC_GetBmp(const uint8_t *photo);                               
 KOLT_API int32_t displayCheckResult(int32_t termType, const char *ttyName, int32_t portId, const char *extendCmd, const char *resultCode, const char *name, const char *id, const char *issueOrgan, const char *photoBase64); /* verification result to the reader (command 0x51); 0, or -5 when the port cannot be opened */
 /* ---- KOLT-IDCARD-END ---- */
 
+/* ---- KOLT-CLERK-BEGIN (clerk verification over TCP) ---- */
+/*
+ * Requests to the clerk verification server named by "serverip" and
+ * "serverport" of $HOME/librun/koltt41fp.cfg: one XML envelope over one
+ * short-lived TCP connection, the answer read from "<?xml" to "</koltes>"
+ * with a time-out of 20 seconds. Values go into the envelope unescaped.
+ * Reply buffers hold KOLT_CLERK_REPLY_MAX bytes (a longer answer is an
+ * error, never written); a node value needs at most the length of the XML
+ * text plus its terminator.
+ */
+#define KOLT_CLERK_REPLY_MAX 16384   /* room of socketXmlRead / socketXmlWriteAndRead answers, terminator included */
+#define KOLT_CLERK_PASSWORD_MAX 64   /* room of Verify_clerk_finger's password, terminator included */
+
+struct sockaddr;
+
+KOLT_API int32_t Verify_clerk_finger(int32_t termType, const char *portArg, int32_t port, const char *auxArg, int32_t timeoutSecs, const char *bankCode, const char *clerkNum, char *passwordOut); /* fingerprint check: server "result"; -1 net, -2 empty answer, -3 no result, -5/-6 capture, -7 no password, -8 no settings */
+KOLT_API int32_t QueryClerkMode(const char *bankCode, const char *clerkNum);       /* server "msgflagresult"; -1 net, -2 empty answer, -3 no result, -8 no settings */
+KOLT_API int32_t RefreshPwd(const char *bankCode, const char *clerkNum, const char *newPassword); /* server "updatepwdresult"; -1 net, -2 empty answer, -3 no result, -8 no settings */
+KOLT_API int32_t sendedXml(char *out, const char *bankCode, const char *clerkNum, const char *sysNum, const char *staffNum, const char *fingerprint, const char *password, const char *msgFlag); /* request envelope into out (values verbatim); 0 */
+KOLT_API int32_t sendedXmlOld(char *out, const char *bankCode, const char *clerkNum, const char *sysNum, const char *staffNum, const char *fingerprint, const char *password, const char *msgFlag); /* the earlier message (head, request, tail) into out; 0; unused by the library */
+KOLT_API int32_t socketXmlWriteAndRead(const char *serverIp, int32_t serverPort, const char *request, char *replyBuf, const char *startMark, const char *endMark, int32_t timeoutSecs); /* one request, one answer; its length, -1 socket/read, -2 connect, -3 send */
+KOLT_API int32_t socketXmlRead(int32_t fd, char *replyBuf, const char *startMark, const char *endMark, int32_t timeoutSecs); /* answer from startMark to endMark; its length, -1 no start in time, -2 no end in time, -3 too long */
+KOLT_API int32_t socketConnect(int32_t fd, const struct sockaddr *addr, uint32_t addrLen, int32_t timeoutSecs); /* connect within timeoutSecs (0 no limit); 0, -1 refused, -2 time-out (fd closed), -3, -4, -5 failed (fd closed) */
+KOLT_API int32_t KOLT_XML_GetNodeValue(const char *xml, const char *name, char *valueOut); /* text of the first <name>...</name>; 0, -1 no opening tag, -2 no closing tag */
+/* ---- KOLT-CLERK-END ---- */
+
 /* ---- KOLT-STRIPE-BEGIN (magnetic stripe) ---- */
 /*
  * Framed path: the stripe LED is lit around the read; each track buffer of

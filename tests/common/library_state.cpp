@@ -1,5 +1,6 @@
 #include "common/library_state.hpp"
 
+#include "clerk/clerk.hpp"
 #include "emv/tags.hpp"
 #include "idcard/gbk.hpp"
 #include "kolt/kolt.h"
@@ -13,6 +14,7 @@ void reset_library_state() {
     kolt::link::reset();
     kolt::emv::reset_state();
     kolt::idcard::reset();
+    kolt::clerk::reset();
     cancelOperation = 0;
 }
 
