@@ -47,43 +47,15 @@ Bytes finger(uint8_t seed) {
     return f;
 }
 
-class FramedTest : public kolt::test::SimTest {
-protected:
-    kolt::sim::Options options() const override {
-        kolt::sim::Options o;
-        o.profile.finger.type = "framed";
-        return o;
-    }
-};
+using FramedTest = kolt::test::FingerSensorTest<kolt::test::SimTest, kolt::test::FramedSensor>;
 
-class ModuleTest : public kolt::test::SimTest {
-protected:
-    kolt::sim::Options options() const override {
-        kolt::sim::Options o;
-        o.profile.finger.type = "ef01";
-        return o;
-    }
-};
+using ModuleTest = kolt::test::FingerSensorTest<kolt::test::SimTest, kolt::test::Ef01Sensor>;
 
 class NoSensorTest : public kolt::test::SimTest {};
 
-class FramedLinkedTest : public kolt::test::LinkedSimTest {
-protected:
-    kolt::sim::Options options() const override {
-        kolt::sim::Options o;
-        o.profile.finger.type = "framed";
-        return o;
-    }
-};
+using FramedLinkedTest = kolt::test::FingerSensorTest<kolt::test::LinkedSimTest, kolt::test::FramedSensor>;
 
-class ModuleLinkedTest : public kolt::test::LinkedSimTest {
-protected:
-    kolt::sim::Options options() const override {
-        kolt::sim::Options o;
-        o.profile.finger.type = "ef01";
-        return o;
-    }
-};
+using ModuleLinkedTest = kolt::test::FingerSensorTest<kolt::test::LinkedSimTest, kolt::test::Ef01Sensor>;
 
 }  // namespace
 

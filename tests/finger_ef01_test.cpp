@@ -23,14 +23,7 @@ std::string hex(const Bytes& b) { return kolt::test::to_hex(b); }
 // The module's answer to a command: identifier 07, the confirmation code.
 Bytes answer(uint8_t code) { return ef01::build(0x07, Bytes{code}); }
 
-class Ef01Test : public kolt::test::LinkedSimTest {
-protected:
-    kolt::sim::Options options() const override {
-        kolt::sim::Options o;
-        o.profile.finger.type = "ef01";
-        return o;
-    }
-};
+using Ef01Test = kolt::test::FingerSensorTest<kolt::test::LinkedSimTest, kolt::test::Ef01Sensor>;
 
 }  // namespace
 

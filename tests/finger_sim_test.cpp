@@ -30,23 +30,9 @@ Bytes packet(uint8_t pid, const Bytes& payload) {
 
 std::string hex(const Bytes& b) { return kolt::test::to_hex(b); }
 
-class SimFingerModule : public kolt::test::RawSimTest {
-protected:
-    kolt::sim::Options options() const override {
-        kolt::sim::Options o;
-        o.profile.finger.type = "ef01";
-        return o;
-    }
-};
+using SimFingerModule = kolt::test::FingerSensorTest<kolt::test::RawSimTest, kolt::test::Ef01Sensor>;
 
-class SimFingerFramed : public kolt::test::RawSimTest {
-protected:
-    kolt::sim::Options options() const override {
-        kolt::sim::Options o;
-        o.profile.finger.type = "framed";
-        return o;
-    }
-};
+using SimFingerFramed = kolt::test::FingerSensorTest<kolt::test::RawSimTest, kolt::test::FramedSensor>;
 
 }  // namespace
 

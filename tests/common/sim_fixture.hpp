@@ -95,6 +95,24 @@ protected:
     std::unique_ptr<RawLine> line;
 };
 
+// Any of the fixtures above with a fingerprint sensor of one kind:
+//   using FramedTest = FingerSensorTest<SimTest, FramedSensor>;
+struct FramedSensor {
+    static constexpr const char* kType = "framed";
+};
+struct Ef01Sensor {
+    static constexpr const char* kType = "ef01";
+};
+template <class Base, class Sensor>
+class FingerSensorTest : public Base {
+protected:
+    kolt::sim::Options options() const override {
+        kolt::sim::Options o;
+        o.profile.finger.type = Sensor::kType;
+        return o;
+    }
+};
+
 // 0x02, the characters of `inner`, 0x03: a main frame written out.
 std::vector<uint8_t> stx_etx(const std::string& inner);
 
