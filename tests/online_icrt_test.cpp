@@ -20,7 +20,6 @@
 namespace {
 
 using kolt::sim::ProfileCard;
-using kolt::sim::ResponseOverride;
 using kolt::test::accept_issuer;
 using kolt::test::apdus_hex;
 using kolt::test::generate_acs;
@@ -400,10 +399,7 @@ TEST_F(OnlineIcrtTest, GetDataFailureGivesMinusTwentyEight) {
 
 TEST_F(OnlineIcrtTest, FailingScriptCommandGivesMinusTwentyNine) {
     auto card = load_card("pboc_debit");
-    ResponseOverride auth;
-    auth.ins = 0x82;
-    auth.response = {0x90, 0x00};
-    card->add_override(auth);
+    kolt::test::accept_external_authenticate(*card);
     const uint8_t unblock[] = {0x84, 0x18};
     card->override_sw(unblock, 0x6988);
     sim().set_contact_card(card);

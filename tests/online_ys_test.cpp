@@ -18,7 +18,6 @@ namespace {
 
 constexpr auto ic = kolt::test::ic_field;
 using kolt::sim::ProfileCard;
-using kolt::sim::ResponseOverride;
 using kolt::test::accept_issuer;
 using kolt::test::apdus_hex;
 using kolt::test::generate_acs;
@@ -200,10 +199,7 @@ TEST_F(OnlineYsTest, SecondCryptogramFailureGivesMinusTwo) {
 
 TEST_F(OnlineYsTest, GetDataOrScriptFailureGivesMinusTen) {
     auto card = load_card("pboc_debit");
-    ResponseOverride auth;
-    auth.ins = 0x82;
-    auth.response = {0x90, 0x00};
-    card->add_override(auth);
+    kolt::test::accept_external_authenticate(*card);
     const uint8_t unblock[] = {0x84, 0x18};
     card->override_sw(unblock, 0x6988);
     sim().set_contact_card(card);

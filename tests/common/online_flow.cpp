@@ -15,11 +15,15 @@ std::vector<std::string> generate_acs(const kolt::sim::Card& card) {
     return out;
 }
 
-void accept_issuer(kolt::sim::ProfileCard& card) {
+void accept_external_authenticate(kolt::sim::ProfileCard& card) {
     kolt::sim::ResponseOverride auth;
     auth.ins = 0x82;
     auth.response = {0x90, 0x00};
     card.add_override(auth);
+}
+
+void accept_issuer(kolt::sim::ProfileCard& card) {
+    accept_external_authenticate(card);
     const uint8_t unblock[] = {0x84, 0x18};
     card.override_sw(unblock, 0x9000);
 }

@@ -21,6 +21,9 @@ std::string ic_field(char letter, const std::string& value);
 // The GENERATE AC commands the card received, as hex.
 std::vector<std::string> generate_acs(const kolt::sim::Card& card);
 
+// The card answers EXTERNAL AUTHENTICATE with 9000 whatever the ARPC.
+void accept_external_authenticate(kolt::sim::ProfileCard& card);
+
 // The card answers EXTERNAL AUTHENTICATE and the application-unblock
 // script command (84 18) with 9000 whatever their cryptograms: for the
 // tests of the flow itself.
