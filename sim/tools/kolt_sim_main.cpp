@@ -1,5 +1,7 @@
 // kolt-sim: serves a simulated KL560T41 reader on a pseudo-terminal until
-// interrupted. See sim/README.md.
+// interrupted; or, in front of a real reader, records the session that goes
+// over the line (--proxy), or plays a recorded session back (--replay).
+// See sim/README.md.
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
@@ -17,6 +19,7 @@
 
 #include "kolt_sim/card.hpp"
 #include "kolt_sim/idcard.hpp"
+#include "kolt_sim/session.hpp"
 #include "kolt_sim/simulator.hpp"
 
 namespace {
@@ -45,6 +48,15 @@ void usage(std::FILE* to) {
         "  --interactive            read commands (swipe, status, help) from standard input;\n"
         "                           the default when standard input is a terminal\n"
         "  --no-interactive         do not read standard input\n"
+        "\n"
+        "recording and replaying a field session (sim/README.md):\n"
+        "  --proxy DEVICE           do not simulate: forward the line to the reader on DEVICE\n"
+        "                           (e.g. /dev/ttyUSB0, raw 9600 baud 8N1) and back\n"
+        "  --record FILE            with --proxy: record every chunk with its direction and time\n"
+        "  --replay FILE            do not simulate: answer from the recorded session FILE\n"
+        "  --replay-speed X         multiply the recorded delays by X (0: at once; default 1)\n"
+        "  --replay-exit-at-end     exit once the last exchange is answered and the line is quiet\n"
+        "  (--port-file and --verbose apply to both; exit status 4: the replay found differences)\n"
         "  --help                   this text\n",
         to);
 }
@@ -55,6 +67,14 @@ struct Args {
     std::string contact_file, contactless_file, port_file, id_card_file;
     bool no_id_card = false;
     std::optional<bool> interactive;  // unset: when standard input is a terminal
+    // Field sessions: the reader's line and the file to record into, or the
+    // file to play back.
+    std::string proxy_device, record_file, replay_file;
+    double replay_speed = 1.0;
+    bool replay_exit_at_end = false;
+    // Options of the simulated reader that were given (they do not apply
+    // to a proxy or a replay).
+    std::vector<std::string> simulation_options;
 };
 
 // Takes the option argv[i] (and argv[i + 1] as its value when it has one).
@@ -68,6 +88,12 @@ std::optional<int> take_option(int argc, char** argv, int& i, Args& args) {
         }
         return argv[++i];
     };
+    static const char* const kSimulationOnly[] = {
+        "--profile",      "--contact-card", "--contactless-card", "--id-card",     "--no-id-card",
+        "--terminal",     "--ext-file",     "--pace",             "--stripe-card", "--stripe-stays",
+        "--interactive"};
+    for (const char* o : kSimulationOnly)
+        if (a == o) args.simulation_options.push_back(a);
     if (a == "--profile") {
         args.opt.profile = kolt::sim::load_device_profile(value());
     } else if (a == "--contact-card") {
@@ -99,12 +125,47 @@ std::optional<int> take_option(int argc, char** argv, int& i, Args& args) {
         args.interactive = true;
     } else if (a == "--no-interactive") {
         args.interactive = false;
+    } else if (a == "--proxy") {
+        args.proxy_device = value();
+    } else if (a == "--record") {
+        args.record_file = value();
+    } else if (a == "--replay") {
+        args.replay_file = value();
+    } else if (a == "--replay-speed") {
+        const std::string v = value();
+        char* end = nullptr;
+        args.replay_speed = std::strtod(v.c_str(), &end);
+        if (v.empty() || *end != '\0' || !(args.replay_speed >= 0)) {
+            std::fprintf(stderr, "kolt-sim: --replay-speed takes a number of 0 or more, not %s\n", v.c_str());
+            return 2;
+        }
+    } else if (a == "--replay-exit-at-end") {
+        args.replay_exit_at_end = true;
     } else if (a == "--help" || a == "-h") {
         usage(stdout);
         return 0;
     } else {
         std::fprintf(stderr, "kolt-sim: unknown option %s\n", a.c_str());
         usage(stderr);
+        return 2;
+    }
+    return std::nullopt;
+}
+
+// The options of field sessions go together; returns 2 when they do not.
+std::optional<int> check_session_options(const Args& args) {
+    auto bad = [](const char* text) {
+        std::fprintf(stderr, "kolt-sim: %s\n", text);
+        return std::optional<int>(2);
+    };
+    const bool proxy = !args.proxy_device.empty(), replay = !args.replay_file.empty();
+    if (proxy && replay) return bad("--proxy and --replay do not go together");
+    if (!args.record_file.empty() && !proxy) return bad("--record needs --proxy");
+    if (!replay && (args.replay_exit_at_end || args.replay_speed != 1.0))
+        return bad("--replay-speed and --replay-exit-at-end need --replay");
+    if ((proxy || replay) && !args.simulation_options.empty()) {
+        std::fprintf(stderr, "kolt-sim: %s simulates nothing: %s does not apply\n", proxy ? "--proxy" : "--replay",
+                     args.simulation_options.front().c_str());
         return 2;
     }
     return std::nullopt;
@@ -120,6 +181,7 @@ std::optional<int> parse_args(int argc, char** argv, Args& args) {
             return 2;
         }
     }
+    if (const auto status = check_session_options(args)) return status;
     // The card file goes over the profile's card, whatever the order.
     if (!args.id_card_file.empty()) {
         try {
@@ -364,8 +426,73 @@ bool write_port_file(const std::string& path, const std::string& port_name) {
     return true;
 }
 
+void announce(const std::string& slave_path, const std::string& port_name) {
+    std::printf("kolt-sim: serving %s (gPortName=%s)\n", slave_path.c_str(), port_name.c_str());
+    std::fflush(stdout);
+}
+
+// In front of a real reader: forwards and records until SIGINT or SIGTERM,
+// or until the reader's line fails.
+int serve_proxy(const Args& args) {
+    kolt::sim::ProxyOptions po;
+    po.device = args.proxy_device;
+    po.record_path = args.record_file;
+    po.verbose = args.opt.verbose;
+    kolt::sim::Proxy proxy(po);
+    install_signal_handlers();
+    proxy.start();
+    if (!args.port_file.empty() && !write_port_file(args.port_file, proxy.port_name())) return 1;
+    announce(proxy.slave_path(), proxy.port_name());
+    while (g_stop == 0 && proxy.device_error().empty()) ::poll(nullptr, 0, 200);
+    proxy.stop();
+    const std::string where = args.record_file.empty() ? "" : "; the session is in " + args.record_file;
+    if (!proxy.device_error().empty()) {
+        std::fprintf(stderr, "kolt-sim: the reader's line %s failed (%s)%s\n", args.proxy_device.c_str(),
+                     proxy.device_error().c_str(), where.c_str());
+        return 1;
+    }
+    std::fprintf(stderr, "kolt-sim: %zu chunks forwarded%s\n", proxy.chunk_count(), where.c_str());
+    return 0;
+}
+
+// Plays a recorded session until SIGINT or SIGTERM (or its end, with
+// --replay-exit-at-end); 0 when the application sent what was recorded, 4
+// when not.
+int serve_replay(const Args& args) {
+    kolt::sim::Recording recording;
+    try {
+        recording = kolt::sim::Recording::load(args.replay_file);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "kolt-sim: %s\n", e.what());
+        return 2;
+    }
+    kolt::sim::ReplayOptions ro;
+    ro.speed = args.replay_speed;
+    ro.verbose = args.opt.verbose;
+    kolt::sim::Replayer replayer(std::move(recording), ro);
+    install_signal_handlers();
+    replayer.start();
+    if (!args.port_file.empty() && !write_port_file(args.port_file, replayer.port_name())) return 1;
+    announce(replayer.slave_path(), replayer.port_name());
+    // The quiet time after the last exchange: bytes the application still
+    // sends then are reported as unexpected.
+    constexpr int kQuietMs = 300;
+    while (g_stop == 0) {
+        if (args.replay_exit_at_end) {
+            if (replayer.wait_finished(kQuietMs, 200)) break;
+        } else {
+            ::poll(nullptr, 0, 200);
+        }
+    }
+    replayer.stop();
+    std::fprintf(stderr, "%s\n", replayer.summary().c_str());
+    return replayer.clean() ? 0 : 4;
+}
+
 // Serves until SIGINT or SIGTERM; returns the exit status.
 int serve(const Args& args) {
+    if (!args.proxy_device.empty()) return serve_proxy(args);
+    if (!args.replay_file.empty()) return serve_replay(args);
     kolt::sim::Simulator sim(args.opt);
     if (!args.contact_file.empty()) sim.set_contact_card(kolt::sim::Card::from_file(args.contact_file));
     if (!args.contactless_file.empty())
@@ -374,8 +501,7 @@ int serve(const Args& args) {
 
     sim.start();
     if (!args.port_file.empty() && !write_port_file(args.port_file, sim.port_name())) return 1;
-    std::printf("kolt-sim: serving %s (gPortName=%s)\n", sim.slave_path().c_str(), sim.port_name().c_str());
-    std::fflush(stdout);
+    announce(sim.slave_path(), sim.port_name());
     run(sim, args.opt.profile.stripe, args.interactive.value_or(::isatty(0) != 0));
     sim.stop();
     for (const auto& e : sim.terminal_errors()) std::fprintf(stderr, "kolt-sim: terminal: %s\n", e.c_str());
