@@ -84,18 +84,20 @@ if(KOLT_INSTALLED_PROGRAMS)
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT kolt-tools)
 endif()
 
-# An installed kolt-sim finds the shipped profiles by name (--profile
-# stripe_demo), relative to its own directory so that the tree can move.
+# The simulator's data and manual. An installed kolt-sim finds the shipped
+# profiles by name (--profile stripe_demo), relative to its own directory so
+# that the tree can move.
 if(TARGET kolt-sim)
   file(RELATIVE_PATH KOLT_SIM_SHIPPED_PROFILES ${CMAKE_INSTALL_FULL_BINDIR}
     ${CMAKE_INSTALL_FULL_DATADIR}/kolt/sim/profiles)
   target_compile_definitions(kolt-sim PRIVATE KOLT_SIM_SHIPPED_PROFILES="${KOLT_SIM_SHIPPED_PROFILES}")
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/sim/profiles/
+    DESTINATION ${KOLT_SIM_DATA_DIR}/profiles COMPONENT kolt-tools FILES_MATCHING PATTERN "*.json")
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/sim/cards/
+    DESTINATION ${KOLT_SIM_DATA_DIR}/cards COMPONENT kolt-tools)
+  install(FILES ${PROJECT_SOURCE_DIR}/sim/README.md
+    DESTINATION ${KOLT_TOOLS_DOC_DIR} RENAME kolt-sim.md COMPONENT kolt-tools)
 endif()
-
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/sim/profiles/
-  DESTINATION ${KOLT_SIM_DATA_DIR}/profiles COMPONENT kolt-tools FILES_MATCHING PATTERN "*.json")
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/sim/cards/
-  DESTINATION ${KOLT_SIM_DATA_DIR}/cards COMPONENT kolt-tools)
 
 # The stand-ins of the identity-card reader's closed libraries: an
 # application developer copies them into the application's working
@@ -123,9 +125,7 @@ if(EXISTS ${PROJECT_SOURCE_DIR}/tools/kolt.1)
   install(FILES ${KOLT_MAN_PAGE} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT kolt-tools)
 endif()
 
-# Documentation: the simulator's manual and the example configuration files.
-install(FILES ${PROJECT_SOURCE_DIR}/sim/README.md
-  DESTINATION ${KOLT_TOOLS_DOC_DIR} RENAME kolt-sim.md COMPONENT kolt-tools)
+# The example configuration files.
 install(FILES
     ${PROJECT_SOURCE_DIR}/examples/config/README.md
     ${PROJECT_SOURCE_DIR}/examples/config/kolt.ini
