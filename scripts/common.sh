@@ -22,6 +22,30 @@ kolt_ensure_packages() {
 
 KOLT_BUILD_PACKAGES=(g++ cmake make pkg-config binutils libcjson-dev libgtest-dev libgmock-dev libssl-dev libxml2-dev)
 
+# What a cross build for Linux on 64-bit Arm needs besides the packages
+# above: the cross toolchain and the arm64 multiarch libraries
+# (cmake/toolchain-aarch64.cmake).
+KOLT_AARCH64_PACKAGES=(g++-aarch64-linux-gnu binutils-aarch64-linux-gnu libc6-dev-arm64-cross
+    libc6:arm64 libstdc++6:arm64 libgcc-s1:arm64
+    libcjson-dev:arm64 libssl-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64 libxml2-dev:arm64)
+
+# What making and checking the Debian packages needs (scripts/package.sh,
+# the test debian_packages): dpkg-shlibdeps and dpkg-architecture, file.
+KOLT_PACKAGING_PACKAGES=(dpkg-dev file)
+
+# Adds the arm64 architecture to dpkg when it is missing, then installs the
+# packages given (arm64 ones among them) that are not yet installed.
+kolt_ensure_arm64_packages() {
+    if ! dpkg --print-foreign-architectures | grep -qx arm64; then
+        local sudo=""
+        if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
+        echo "== adding the arm64 architecture"
+        $sudo dpkg --add-architecture arm64
+        $sudo env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+    fi
+    kolt_ensure_packages "$@"
+}
+
 # kolt_build <build dir> [cmake options...]
 kolt_build() {
     local dir="$1"; shift

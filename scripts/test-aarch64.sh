@@ -20,15 +20,8 @@ triple=aarch64-linux-gnu
 echo "== packages for the aarch64 cross build"
 sudo=""
 if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
-if ! dpkg --print-foreign-architectures | grep -qx arm64; then
-    echo "== adding the arm64 architecture"
-    $sudo dpkg --add-architecture arm64
-    $sudo env DEBIAN_FRONTEND=noninteractive apt-get update -qq
-fi
-kolt_ensure_packages "${KOLT_BUILD_PACKAGES[@]}" file qemu-user qemu-user-binfmt \
-    g++-aarch64-linux-gnu binutils-aarch64-linux-gnu libc6-dev-arm64-cross \
-    libc6:arm64 libstdc++6:arm64 libgcc-s1:arm64 \
-    libcjson-dev:arm64 libssl-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64 libxml2-dev:arm64
+kolt_ensure_arm64_packages "${KOLT_BUILD_PACKAGES[@]}" "${KOLT_AARCH64_PACKAGES[@]}" \
+    "${KOLT_PACKAGING_PACKAGES[@]}" qemu-user qemu-user-binfmt
 
 qemu="$(command -v qemu-aarch64-static || command -v qemu-aarch64)"
 
@@ -106,6 +99,16 @@ expected_soname="$(cat "$build/kolt-soname.txt")"
 unexpected="$("$triple-readelf" -d "$lib" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' |
     grep -v -E '^(libstdc\+\+\.so\.6|libm\.so\.6|libgcc_s\.so\.1|libc\.so\.6|libcjson\.so\.1|ld-linux-aarch64\.so\.1)$' || true)"
 [ -z "$unexpected" ] || { echo "unexpected dependencies: $unexpected" >&2; exit 1; }
+
+# ---------------------------------------------------------------------------
+# The arm64 Debian packages of this tree: architecture, the aarch64 library
+# in lib/aarch64-linux-gnu, Depends and contents (the same checks as the
+# native packages' test).
+echo "== arm64 Debian packages"
+rm -rf "$build/packages"
+cpack --config "$build/CPackConfig.cmake" -B "$build/packages" >"$build/cpack.log" 2>&1 ||
+    { cat "$build/cpack.log" >&2; echo "cpack failed" >&2; exit 1; }
+bash "$KOLT_ROOT/tests/package/check_debs.sh" "$build/packages" arm64 "$build"
 
 # ---------------------------------------------------------------------------
 echo "== test suite under $(basename "$qemu") ($("$qemu" --version | head -n 1))"

@@ -3,7 +3,7 @@
 # AddressSanitizer and UndefinedBehaviorSanitizer (halting on the first error).
 # Both build with -Werror (KOLT_WERROR), as CI does.
 source "$(dirname "$0")/common.sh"
-kolt_ensure_packages "${KOLT_BUILD_PACKAGES[@]}"
+kolt_ensure_packages "${KOLT_BUILD_PACKAGES[@]}" "${KOLT_PACKAGING_PACKAGES[@]}"
 
 cd "$KOLT_ROOT"
 start=$(date +%s)

@@ -33,7 +33,8 @@ void on_swipe_signal(int) { g_swipes = g_swipes + 1; }
 void usage(std::FILE* to) {
     std::fputs(
         "usage: kolt-sim [options]\n"
-        "  --profile FILE           device profile (JSON); default: the built-in unit\n"
+        "  --profile FILE|NAME      device profile (JSON), or the NAME of a shipped one\n"
+        "                           (e.g. stripe_demo); default: the built-in unit\n"
         "  --contact-card FILE      card profile (JSON) inserted in the contact reader\n"
         "  --contactless-card FILE  card profile (JSON) on the contactless field\n"
         "  --id-card FILE           the identity card (JSON card file) on the reader\n"
@@ -59,6 +60,27 @@ void usage(std::FILE* to) {
         "  (--port-file and --verbose apply to both; exit status 4: the replay found differences)\n"
         "  --help                   this text\n",
         to);
+}
+
+// The file of a --profile argument. An argument that names no file here and
+// has no "/" in it is the name of a shipped profile ("stripe_demo" or
+// "stripe_demo.json"): an installed kolt-sim keeps them in
+// KOLT_SIM_SHIPPED_PROFILES, relative to the directory of the program
+// (bin/../share/kolt/sim/profiles), so an installed tree can be moved.
+std::string profile_path(const std::string& arg) {
+#ifdef KOLT_SIM_SHIPPED_PROFILES
+    if (arg.empty() || arg.find('/') != std::string::npos || ::access(arg.c_str(), F_OK) == 0) return arg;
+    char exe[4096];
+    const ssize_t n = ::readlink("/proc/self/exe", exe, sizeof exe - 1);
+    if (n <= 0) return arg;
+    std::string dir(exe, static_cast<std::size_t>(n));
+    dir.erase(dir.rfind('/') + 1);
+    const std::string shipped = dir + KOLT_SIM_SHIPPED_PROFILES + "/" + arg;
+    for (const std::string& candidate : {shipped, shipped + ".json"}) {
+        if (::access(candidate.c_str(), R_OK) == 0) return candidate;
+    }
+#endif
+    return arg;
 }
 
 // What the command line asks for.
@@ -95,7 +117,7 @@ std::optional<int> take_option(int argc, char** argv, int& i, Args& args) {
     for (const char* o : kSimulationOnly)
         if (a == o) args.simulation_options.push_back(a);
     if (a == "--profile") {
-        args.opt.profile = kolt::sim::load_device_profile(value());
+        args.opt.profile = kolt::sim::load_device_profile(profile_path(value()));
     } else if (a == "--contact-card") {
         args.contact_file = value();
     } else if (a == "--contactless-card") {
