@@ -25,6 +25,9 @@ if ! dpkg --print-foreign-architectures | grep -qx arm64; then
     $sudo dpkg --add-architecture arm64
     $sudo env DEBIAN_FRONTEND=noninteractive apt-get update -qq
 fi
+# libcli11-dev (in KOLT_BUILD_PACKAGES) is header-only and architecture
+# "all": the host's package serves the cross build, found through the "/"
+# of the toolchain's root path.
 kolt_ensure_packages "${KOLT_BUILD_PACKAGES[@]}" file qemu-user qemu-user-binfmt \
     g++-aarch64-linux-gnu binutils-aarch64-linux-gnu libc6-dev-arm64-cross \
     libc6:arm64 libstdc++6:arm64 libgcc-s1:arm64 \
