@@ -554,6 +554,27 @@ add("clerk_reply", u16(100) + bytes([1]) + short(b"") + short(b"") + b"abc")
 add("clerk_reply", u16(16384) + bytes([16]) + short(b"<?xml") + short(b"</MSG>") + DECL + b"<MSG><BODY>ok</BODY></MSG>")
 add("clerk_reply", u16(64) + bytes([9]) + short(b"<?xml") + short(b"</koltes>") + b"\x01\x02 not an answer \xff" * 8)
 
+# The device-information request (tests/devinfo_test.cpp): the module's
+# serial text and the version as short fields, then the request.
+DEVINFO_REQUESTS = [
+    b'{"FunctionCode":"0001","RequestPort":"3","RequestBaudRate":"9600","RequestTimeOut":"3"}',
+    b'{"FunctionCode":"0002","RequestPort":"3","RequestBaudRate":"9600","RequestTimeOut":"3"}',
+    b'{"FunctionCode":"0001","RequestPort":"0","RequestBaudRate":"9600","RequestTimeOut":"3"}',
+    b'{"FunctionCode":"0001","RequestPort":"abc","RequestBaudRate":"9600","RequestTimeOut":"3"}',
+    b'{"FunctionCode":"0001","RequestPort":"3","RequestBaudRate":"9600"}',
+    b'{"FunctionCode":"0001","RequestPort":3,"RequestBaudRate":"9600","RequestTimeOut":"3"}',
+    b'{"functioncode":"0001","REQUESTPORT":"5","requestBaudRate":null,"requesttimeout":[]}',
+    b'["0001","3"]',
+    b'{"a":{"b":[1,2.5e3,true,false,null,"\\u4e2d\\n"]}}',
+    b'{',
+    b'',
+]
+for serial, version in ((b"01.02-20230915-0001234567-0089012345", b"KL560T41-FW-20240115-V1.08"),
+                        (b"0123456789ABCDEFGHIJKLMN", b"KL560T41-FW-2024."),
+                        (b"", b"ABCDEFGHIJKLMNOPQR\"\x01\x00\xff")):
+    for req in DEVINFO_REQUESTS:
+        add("devinfo_request", short(serial) + short(version) + req)
+
 # ---------------------------------------------------------------------------
 # Seeds that show a library defect not fixed yet stay out of the corpus (the
 # test suite replays the corpus); their inputs are kept in fuzz/pending/.

@@ -502,6 +502,19 @@ KOLT_API int32_t KOLT_T41_FP_GenChar(int32_t termType, const char *portArg, int3
 KOLT_API int32_t KOLT_T41_FP_ReadCfg(char *serverIpOut, int32_t *serverPortOut);  /* "serverip" (KOLT_FP_SERVERIP_MAX) and "serverport" of $HOME/librun/koltt41fp.cfg; 0, -1 no serverip, -2 no serverport */
 /* ---- KOLT-FINGER-END ---- */
 
+/* ---- KOLT-DEVINFO-BEGIN (device information, JSON in and out) ---- */
+/*
+ * Request: {"FunctionCode":"0001","RequestPort":"3","RequestBaudRate":"9600","RequestTimeOut":"3"}.
+ * All four keys are required and must be JSON strings (any other value counts
+ * as absent); keys match without regard to letter case. The device opened is
+ * "/dev/COM<port>" in local mode. Every failure gives the one answer
+ * {"ErrorCode":"-1","ErrorMessage":"parameter error"}.
+ */
+#define KOLT_DEVINFO_RESPONSE_MAX 2048 /* room of DEV_CommCall's answer, terminator included */
+
+KOLT_API int32_t DEV_CommCall(const char *inJson, void *unused, char *outJson, int32_t *outLen); /* device information as unformatted JSON into outJson (KOLT_DEVINFO_RESPONSE_MAX), its length into outLen; always 0 */
+/* ---- KOLT-DEVINFO-END ---- */
+
 #ifdef __cplusplus
 }
 #endif

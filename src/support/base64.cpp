@@ -1,5 +1,7 @@
 #include "support/base64.hpp"
 
+#include <array>
+
 #include "kolt/kolt.h"
 
 namespace kolt::base64 {
@@ -13,14 +15,16 @@ constexpr char B16[] = "AEIMQUYcgkosw048";
 // is chosen by the low two bits of the byte.
 constexpr char B04[] = "AQgw";
 
-int value_of(uint8_t c) {
-    if (c >= 'A' && c <= 'Z') return c - 'A';
-    if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-    if (c >= '0' && c <= '9') return c - '0' + 52;
-    if (c == '+') return 62;
-    if (c == '/') return 63;
-    return -1;
-}
+// Value of each character in the alphabet; kInvalid for every other byte.
+// One table look-up a character keeps the decoder free of branches on the
+// character classes.
+constexpr uint8_t kInvalid = 0x80;
+constexpr auto kValues = [] {
+    std::array<uint8_t, 256> t{};
+    t.fill(kInvalid);
+    for (uint8_t i = 0; i < 64; ++i) t[static_cast<uint8_t>(B64[i])] = i;
+    return t;
+}();
 
 // The encoder proper; buf must hold the text (and terminator).
 int encode_raw(uint8_t* buf, int len) {
@@ -66,17 +70,21 @@ int decode_raw(uint8_t* buf, int len) {
     }
     int stop = 0;
     for (int i = 0; i < g; ++i) {
-        int v[4] = {0, 0, 0, 0};
+        const uint8_t* in = buf + 4 * static_cast<size_t>(i);
+        int v[4] = {kValues[in[0]], kValues[in[1]], kValues[in[2]], kValues[in[3]]};
         int group_stop = -1;
-        for (int j = 0; j < 4; ++j) {
-            const int x = value_of(buf[4 * static_cast<size_t>(i) + j]);
-            if (x < 0) {
-                group_stop = j;
-                break;
+        if (((v[0] | v[1] | v[2] | v[3]) & kInvalid) != 0) {
+            // The group ends at its first character outside the alphabet;
+            // that one and those after it count as zero.
+            for (int j = 0; j < 4; ++j) {
+                if ((v[j] & kInvalid) != 0) {
+                    group_stop = j;
+                    for (int k = j; k < 4; ++k) v[k] = 0;
+                    break;
+                }
             }
-            v[j] = x;
+            stop = group_stop;
         }
-        if (group_stop >= 0) stop = group_stop;
         uint8_t* o = buf + 3 * static_cast<size_t>(i);
         const uint8_t b0 = static_cast<uint8_t>((v[0] << 2) | (v[1] >> 4));
         const uint8_t b1 = static_cast<uint8_t>(((v[1] & 15) << 4) | (v[2] >> 2));
