@@ -168,34 +168,51 @@ std::optional<Failure> selection_failure(int32_t init, int32_t rc, int ic_type) 
 
 Failure port_failure(int32_t rc) { return {kExitNoDevice, rc, "the port could not be opened"}; }
 
+// The power-on failed (-11 of the card calls): on the contactless reader
+// that is a card missing from the field.
+Failure power_on_failure(const Globals& g, int32_t rc, int ic_type) {
+    if (auto f = device_failure_after(g, rc)) return *f;
+    if (ic_type == 1) return {kExitNothing, rc, "no card on the contactless reader"};
+    return {kExitRefused, rc, "the card in the contact reader could not be powered on"};
+}
+
+// The card gave no answer at power-on (selection -12, card calls -22); a
+// silent device gives the same.
+Failure no_answer_failure(const Globals& g, int32_t rc, const char* text) {
+    if (auto f = device_failure_after(g, rc)) return *f;
+    return {kExitUnusable, rc, text};
+}
+
 // ICRT_GetICCInfo.
-Failure card_info_failure(int32_t rc, int ic_type) {
+Failure card_info_failure(const Globals& g, int32_t rc, int ic_type) {
     if (rc == -21) return port_failure(rc);
-    if (rc == -11) return {kExitRefused, rc, std::string("the card in the ") + slot_text(ic_type) + " could not be powered on"};
+    if (rc == -11) return power_on_failure(g, rc, ic_type);
+    if (rc == -22) return no_answer_failure(g, rc, "the card does not answer (at power-on or reading its records)");
     if (auto f = selection_failure(rc + 10, rc, ic_type)) return *f;
-    if (rc == -22) return {kExitUnusable, rc, "the card's records could not be read"};
     return {kExitRefused, rc, "the card information could not be read"};
 }
 
 // KOLT_ICRT_GetTrDetail.
-Failure log_failure(int32_t rc, int ic_type) {
+Failure log_failure(const Globals& g, int32_t rc, int ic_type) {
     if (rc == -21) return port_failure(rc);
-    if (rc == -11) return {kExitRefused, rc, std::string("the card in the ") + slot_text(ic_type) + " could not be powered on"};
+    if (rc == -11) return power_on_failure(g, rc, ic_type);
     if (rc == -10) return {kExitUnusable, rc, "the card's application has no transaction log"};
     if (rc == -17) return {kExitUnusable, rc, "the card's application is locked and names no transaction log"};
+    if (rc == -22) return no_answer_failure(g, rc, "the card does not answer (at power-on or reading its log)");
     if (auto f = selection_failure(rc + 10, rc, ic_type)) return *f;
-    if (rc <= -22) return {kExitUnusable, rc, "the transaction log could not be read (its format or its records)"};
+    if (rc < -22) return {kExitUnusable, rc, "the transaction log could not be read (its format or its records)"};
     return {kExitRefused, rc, "the transaction log could not be read"};
 }
 
 // ICRT_GetARQC.
-Failure arqc_failure(int32_t rc, int ic_type) {
+Failure arqc_failure(const Globals& g, int32_t rc, int ic_type) {
     if (rc == -21) return port_failure(rc);
-    if (rc == -11) return {kExitRefused, rc, std::string("the card in the ") + slot_text(ic_type) + " could not be powered on"};
+    if (rc == -11) return power_on_failure(g, rc, ic_type);
     if (rc == -25) return {kExitRefused, rc, "the card refused to generate the cryptogram (GENERATE AC)"};
     if (rc == -24) return {kExitUnusable, rc, "the card has no CDOL1, or its records could not be read"};
+    if (rc == -22) return no_answer_failure(g, rc, "the card does not answer (at power-on or reading its records)");
     if (auto f = selection_failure(rc + 10, rc, ic_type)) return *f;
-    if (rc <= -22) return {kExitUnusable, rc, "the card's records could not be read"};
+    if (rc < -22) return {kExitUnusable, rc, "the card's records could not be read"};
     return {kExitRefused, rc, "the cryptogram could not be generated"};
 }
 
@@ -338,7 +355,7 @@ void run_card(Globals& g, Output& out, const CardOptions& o) {
     const int32_t rc = call_library(g, Wait{}, [&] {
         return ICRT_GetICCInfo(g.terminal_type, g.port_no, ic_type, aid_list.c_str(), request.c_str(), buf.data());
     });
-    if (rc != 0 && rc != 10) throw card_info_failure(rc, ic_type);
+    if (rc != 0 && rc != 10) throw card_info_failure(g, rc, ic_type);
     const auto fields = split_fields(buf.data());
     if (!fields) throw Failure{kExitUnusable, rc, "the card information could not be read from the library's answer"};
 
@@ -389,7 +406,7 @@ void run_log(Globals& g, Output& out, const TxOptions& o) {
     const bool header = text.size() >= 3 && std::all_of(text.begin(), text.begin() + 3, [](char c) { return c >= '0' && c <= '9'; });
     const size_t record_len = header ? static_cast<size_t>(std::atoi(text.substr(0, 3).c_str())) : 0;
     if (rc < 0 || !header || (rc > 0 && text.size() - 3 != record_len * static_cast<size_t>(rc)))
-        throw log_failure(rc, ic_type);
+        throw log_failure(g, rc, ic_type);
 
     json_int(out.root(), "result", rc);
     cJSON* records = cJSON_AddArrayToObject(out.root(), "records");
@@ -453,7 +470,7 @@ Arqc get_arqc(Globals& g, Output& out, const TxOptions& o) {
     a.rc = call_library(g, Wait{}, [&] {
         return ICRT_GetARQC(g.terminal_type, g.port_no, ic_type, a.tr.c_str(), o.aid.c_str(), f55.data(), app.data());
     });
-    if (a.rc != 0 && a.rc != 10) throw arqc_failure(a.rc, ic_type);
+    if (a.rc != 0 && a.rc != 10) throw arqc_failure(g, a.rc, ic_type);
     a.field55 = f55.data();
     a.app_data = app.data();
     if (!is_hex(a.field55) || a.field55.empty())
@@ -496,6 +513,13 @@ std::vector<std::string> split_words(const std::string& text) {
     return words;
 }
 
+// Prints what the issuer program said on its standard error, as notes.
+void pass_on_report(const std::string& report) {
+    std::istringstream lines(report);
+    for (std::string line; std::getline(lines, line);)
+        if (!line.empty()) Output::note("issuer program: %s", line.c_str());
+}
+
 IssuerAnswer ask_issuer_program(const std::string& command, const std::string& field55) {
     std::vector<std::string> words = split_words(command);
     if (words.empty()) throw Failure{kExitUsage, 0, "--issuer names no program"};
@@ -504,48 +528,68 @@ IssuerAnswer ask_issuer_program(const std::string& command, const std::string& f
     for (std::string& w : words) argv.push_back(w.data());
     argv.push_back(nullptr);
 
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) throw Failure{kExitServer, 0, "no pipe for the issuer program"};
+    // Its standard output is the answer; its standard error is kept and
+    // shown when it fails.
+    int out_fds[2], err_fds[2];
+    if (::pipe2(out_fds, O_CLOEXEC) != 0) throw Failure{kExitServer, 0, "no pipe for the issuer program"};
+    if (::pipe2(err_fds, O_CLOEXEC) != 0) {
+        ::close(out_fds[0]);
+        ::close(out_fds[1]);
+        throw Failure{kExitServer, 0, "no pipe for the issuer program"};
+    }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, out_fds[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, err_fds[1], 2);
     pid_t pid = -1;
     const int err = ::posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    ::close(fds[1]);
+    ::close(out_fds[1]);
+    ::close(err_fds[1]);
     if (err != 0) {
-        ::close(fds[0]);
+        ::close(out_fds[0]);
+        ::close(err_fds[0]);
         throw Failure{kExitServer, 0, "the issuer program " + words[0] + " could not be started: " + std::strerror(err)};
     }
 
-    std::string output;
+    std::string output, report;
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     bool timed_out = false;
-    for (;;) {
+    pollfd p[2] = {{out_fds[0], POLLIN, 0}, {err_fds[0], POLLIN, 0}};
+    std::string* sinks[2] = {&output, &report};
+    while (p[0].fd >= 0 || p[1].fd >= 0) {
         if (interrupted() || std::chrono::steady_clock::now() >= end) {
             timed_out = !interrupted();
             ::kill(pid, SIGTERM);
             break;
         }
-        pollfd p{fds[0], POLLIN, 0};
-        if (::poll(&p, 1, 100) <= 0) continue;
-        char buf[4096];
-        const ssize_t n = ::read(fds[0], buf, sizeof buf);
-        if (n <= 0) break;
-        output.append(buf, static_cast<size_t>(n));
+        if (::poll(p, 2, 100) <= 0) continue;
+        for (int i = 0; i < 2; ++i) {
+            if (p[i].fd < 0 || p[i].revents == 0) continue;
+            char buf[4096];
+            const ssize_t n = ::read(p[i].fd, buf, sizeof buf);
+            if (n > 0) {
+                sinks[i]->append(buf, static_cast<size_t>(n));
+            } else if (n == 0 || errno != EINTR) {
+                ::close(p[i].fd);
+                p[i].fd = -1;
+            }
+        }
     }
-    ::close(fds[0]);
+    for (const pollfd& q : p)
+        if (q.fd >= 0) ::close(q.fd);
     int status = 0;
     while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
     if (interrupted()) throw Failure{kExitCancelled, 0, "cancelled"};
-    if (timed_out) throw Failure{kExitServer, 0, "the issuer program gave no answer within 60 s"};
+    if (timed_out) {
+        pass_on_report(report);
+        throw Failure{kExitServer, 0, "the issuer program gave no answer within 60 s"};
+    }
 
     IssuerAnswer a;
     a.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 127 && output.empty())
-        throw Failure{kExitServer, 0, "the issuer program " + words[0] + " could not be run"};
     std::istringstream lines(output);
     for (std::string line; std::getline(lines, line);) {
         line.erase(std::remove_if(line.begin(), line.end(), [](char c) { return c == '\r' || c == ' ' || c == '\t'; }),
@@ -555,6 +599,7 @@ IssuerAnswer ask_issuer_program(const std::string& command, const std::string& f
             break;
         }
     }
+    if (a.text.empty() || a.status != 0) pass_on_report(report);
     return a;
 }
 

@@ -80,6 +80,8 @@ public:
     static void note(const char* format, ...) __attribute__((format(printf, 1, 2)));
     // The JSON object the command fills (printed at the end in JSON mode).
     cJSON* root() { return root_; }
+    // Prints this text in place of the object at the end (JSON mode).
+    void json_as_is(std::string text) { as_is_ = std::move(text); }
     // Prints the JSON object (JSON mode) and returns the exit code.
     int finish();
     // Reports a failure: the message on stderr and, in JSON mode, the
@@ -89,6 +91,7 @@ public:
 private:
     bool json_;
     cJSON* root_;
+    std::string as_is_;
 };
 
 // cJSON helpers (values are UTF-8).
@@ -129,6 +132,10 @@ std::string port_below_dev(std::string_view given);
 // file first, waiting up to 10 s for it), and checks that the local port
 // can be opened. Throws a Failure.
 void use_port(Globals& g);
+// After a result that may mean a silent device: asks the device for its
+// version (1 s). The failure when the port cannot be opened or the device
+// does not answer, else nullopt.
+std::optional<Failure> device_failure_after(const Globals& g, int32_t rc);
 // The N of a port named "COMN" (or "/dev/COMN"), else nullopt.
 std::optional<int> com_port_number(std::string_view port);
 

@@ -68,17 +68,7 @@ std::vector<std::string> split_line(const std::string& line) {
 // After ID_GetInfo's -99 (the port, no card in time, or no answer): which
 // of them, asked of the device in a short exchange.
 Failure diagnose(const Globals& g, int32_t rc, int seconds) {
-    int32_t open_rc = 0;
-    const int32_t version = call_library(g, Wait{}, [&]() -> int32_t {
-        open_rc = IC_initCom(0, g.port_no);
-        if (open_rc != 0) return open_rc;
-        uint8_t buf[KOLT_VERSION_MAX] = {0};
-        const int32_t r = KOLT_T41_GetVersion(4, buf, 1);
-        IC_CloseCom(0, g.port_no);
-        return r;
-    });
-    if (open_rc != 0) return {kExitNoDevice, rc, "the port could not be opened"};
-    if (version == Lenth_Error) return {kExitNoDevice, rc, "the device does not answer"};
+    if (auto f = device_failure_after(g, rc)) return *f;
     return {kExitNothing, rc, "no identity card was read within " + std::to_string(seconds) + " s"};
 }
 

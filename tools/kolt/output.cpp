@@ -60,7 +60,13 @@ void print_json(cJSON* obj) {
 }  // namespace
 
 int Output::finish() {
-    if (json_) print_json(root_);
+    if (json_ && !as_is_.empty()) {
+        std::fputs(as_is_.c_str(), stdout);
+        std::fputc('\n', stdout);
+        std::fflush(stdout);
+    } else if (json_) {
+        print_json(root_);
+    }
     return kExitOk;
 }
 

@@ -82,4 +82,19 @@ void use_port(Globals& g) {
     ::close(fd);
 }
 
+std::optional<Failure> device_failure_after(const Globals& g, int32_t rc) {
+    int32_t open_rc = 0;
+    const int32_t version = call_library(g, Wait{}, [&]() -> int32_t {
+        open_rc = IC_initCom(g.terminal_type, g.port_no);
+        if (open_rc != 0) return open_rc;
+        uint8_t buf[KOLT_VERSION_MAX] = {0};
+        const int32_t r = KOLT_T41_GetVersion(4, buf, 1);
+        IC_CloseCom(g.terminal_type, g.port_no);
+        return r;
+    });
+    if (open_rc != 0) return Failure{kExitNoDevice, rc, "the port could not be opened"};
+    if (version == Lenth_Error) return Failure{kExitNoDevice, rc, "the device does not answer"};
+    return std::nullopt;
+}
+
 }  // namespace kolt::cli

@@ -149,8 +149,8 @@ const char* tag_name(const std::string& tag) {
         {"9F03", "other amount"},
         {"9F33", "terminal capabilities"},
         {"91", "issuer authentication data"},
-        {"71", "issuer script (before the final cryptogram)"},
-        {"72", "issuer script (after the final cryptogram)"},
+        {"71", "issuer script (before final AC)"},
+        {"72", "issuer script (after final AC)"},
     };
     for (const auto& n : names)
         if (tag == n.tag) return n.name;
