@@ -727,6 +727,9 @@ void add_card_commands(CLI::App& app, Runner& run) {
             ->type_name("ELEMENT");
         add_slot_option(sub, o->slot);
         sub->add_option("--aid", o->aids, "Candidate AID as hex (repeatable: the candidate list)")
+            ->expected(1)
+            ->allow_extra_args(false)
+            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
             ->check(kHexText)
             ->type_name("HEX");
         sub->footer(card_help_footer());
