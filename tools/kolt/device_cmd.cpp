@@ -89,6 +89,7 @@ void print_info(Output& out, const DeviceInfo& info) {
 // DEV_CommCall, which opens /dev/COM<n> itself.
 void comm_call(Globals& g, Output& out, int n) {
     g.port = "COM" + std::to_string(n);
+    g.port_file.clear();
     const int terminal_type = g.terminal_type;
     g.terminal_type = 0;  // DEV_CommCall always uses the local port
     use_port(g);

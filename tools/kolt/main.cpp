@@ -52,7 +52,8 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     app.set_version_flag("--version", "kolt " KOLT_CLI_VERSION, "Print the version and exit");
     auto* port = app.add_option("-p,--port", g.port,
-                                "Device below /dev: \"/dev/pts/3\", \"pts/3\", \"ttyS0\" (default: $KOLT_PORT)");
+                                "Device below /dev: \"/dev/pts/3\", \"pts/3\", \"ttyS0\" (default: $KOLT_PORT)")
+                     ->type_name("PORT");
     app.add_option("--port-file", g.port_file, "Read the port name from FILE (waits up to 10 s for it)")
         ->type_name("FILE")
         ->excludes(port);
