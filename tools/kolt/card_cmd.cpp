@@ -92,24 +92,27 @@ const CLI::Validator kElementWord(
             return "unknown element \"" + word + "\" (tag letters of ABCDEFGHIJKLMNOPQRSTUVWXYZ1234, or a name: see kolt card --help)";
         return {};
     },
-    "ELEMENT");
+    "");
 
 const CLI::Validator kHexText(
     [](std::string& text) -> std::string {
         if (text.empty() || !is_hex(text)) return "not hexadecimal bytes: \"" + text + "\"";
         return {};
     },
-    "HEX");
+    "");
 
-CLI::Validator digits_validator(std::size_t min_len, std::size_t max_len, const char* what) {
+// Decimal digits, min_len to max_len of them, and at most max_value.
+CLI::Validator digits_validator(std::size_t min_len, std::size_t max_len, const char* what,
+                                long long max_value = -1) {
     return CLI::Validator(
         [=](std::string& text) -> std::string {
             if (text.size() < min_len || text.size() > max_len ||
-                !std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }))
+                !std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }) ||
+                (max_value >= 0 && std::strtoll(text.c_str(), nullptr, 10) > max_value))
                 return std::string(what);
             return {};
         },
-        "DIGITS");
+        "");
 }
 
 std::string card_help_footer() {
@@ -241,34 +244,41 @@ struct TxOptions {
 
 void add_slot_option(CLI::App* sub, std::string& slot) {
     sub->add_option("--slot", slot, "Card slot: contact (IC type 0, default) or contactless (IC type 1)")
-        ->check(CLI::IsMember({"contact", "contactless"}))
+        ->check(CLI::IsMember({"contact", "contactless"}).description(""))
         ->type_name("contact|contactless");
 }
 
 void add_tx_options(CLI::App* sub, TxOptions& o) {
     add_slot_option(sub, o.slot);
     sub->add_option("--aid", o.aid, "AID of the application to select, as hex (default: the card's directory chooses)")
-        ->check(kHexText);
+        ->check(kHexText)
+        ->type_name("HEX");
     sub->add_option("--amount", o.amount, "Amount in minor units, e.g. 12345 for 123.45 (at most 2147483647)")
         ->required()
-        ->check(digits_validator(1, 10, "the amount is up to 10 digits of minor units"))
-        ->check(CLI::Range(0LL, 2147483647LL));
+        ->check(digits_validator(1, 10, "the amount is minor units, at most 2147483647", 2147483647LL))
+        ->type_name("N");
     sub->add_option("--other-amount", o.other_amount, "Other amount in minor units (default 0)")
-        ->check(digits_validator(1, 10, "the other amount is up to 10 digits of minor units"))
-        ->check(CLI::Range(0LL, 2147483647LL));
+        ->check(digits_validator(1, 10, "the other amount is minor units, at most 2147483647", 2147483647LL))
+        ->type_name("N");
     sub->add_option("--currency", o.currency, "Currency code, numeric (default 156)")
-        ->check(digits_validator(1, 4, "the currency code is 1 to 4 digits"));
+        ->check(digits_validator(1, 4, "the currency code is 1 to 4 digits"))
+        ->type_name("CODE");
     sub->add_option("--country", o.country,
                     "Terminal country code (default: the currency's code; the library takes the terminal country "
                     "from the currency, so a different one is refused)")
-        ->check(digits_validator(1, 4, "the country code is 1 to 4 digits"));
+        ->check(digits_validator(1, 4, "the country code is 1 to 4 digits"))
+        ->type_name("CODE");
     sub->add_option("--type", o.type, "Transaction type, two digits (default 00, goods and services)")
-        ->check(digits_validator(2, 2, "the transaction type is two digits"));
+        ->check(digits_validator(2, 2, "the transaction type is two digits"))
+        ->type_name("NN");
     sub->add_option("--date", o.date, "Transaction date YYYYMMDD or YYMMDD (default: today)")
-        ->check(digits_validator(6, 8, "the date is YYYYMMDD or YYMMDD"));
+        ->check(digits_validator(6, 8, "the date is YYYYMMDD or YYMMDD"))
+        ->type_name("DATE");
     sub->add_option("--time", o.time, "Transaction time HHMMSS (default: now)")
-        ->check(digits_validator(6, 6, "the time is HHMMSS"));
-    sub->add_option("--merchant", o.merchant, "Merchant name and location (9F4E), at most 20 bytes");
+        ->check(digits_validator(6, 6, "the time is HHMMSS"))
+        ->type_name("HHMMSS");
+    sub->add_option("--merchant", o.merchant, "Merchant name and location (9F4E), at most 20 bytes")
+        ->type_name("TEXT");
 }
 
 int ic_type_of(const std::string& slot) { return ic_type_of_slot(slot); }
@@ -739,7 +749,7 @@ void add_card_commands(CLI::App& app, Runner& run) {
         auto o = std::make_shared<TxOptions>();
         CLI::App* sub = app.add_subcommand("log", "Transaction log of the card (KOLT_ICRT_GetTrDetail)");
         add_slot_option(sub, o->slot);
-        sub->add_option("--aid", o->aid, "AID of the application to select, as hex")->check(kHexText);
+        sub->add_option("--aid", o->aid, "AID of the application to select, as hex")->check(kHexText)->type_name("HEX");
         sub->callback([&run, o] { run = [o](Globals& g, Output& out) { run_log(g, out, *o); }; });
     }
     {

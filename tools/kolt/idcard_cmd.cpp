@@ -139,7 +139,7 @@ void add_idcard_command(CLI::App& app, Runner& run) {
     CLI::App* sub = app.add_subcommand("idcard", "Identity card on the reader (ID_GetInfo): its fields and photo");
     sub->add_option("--photo-dir", o->photo_dir,
                     "Run the call in DIR: the photo goes to DIR/zp.bmp, and DIR must hold libwlt.so")
-        ->check(CLI::ExistingDirectory)
+        ->check(CLI::ExistingDirectory.description(""))
         ->type_name("DIR");
     sub->footer(
         "The library writes the photo to zp.bmp in the working directory and needs ./libwlt.so there. Waits 10 s for "

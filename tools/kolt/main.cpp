@@ -37,7 +37,7 @@ const CLI::Validator kTerminalType(
             return "terminal type must be 0, 1..5 or 50 and above";
         return {};
     },
-    "0|1..5|50+", "terminal type");
+    "", "terminal type");
 
 }  // namespace
 
@@ -61,11 +61,12 @@ int main(int argc, char** argv) {
                    "0 local serial port (default), 1..5 teller terminal types, 50+ from the terminal command file")
         ->check(kTerminalType)
         ->type_name("N");
-    app.add_option("-n,--port-no", g.port_no, "Numeric port for the calls that take one (default 1)")
-        ->check(CLI::Range(0, 99))
+    app.add_option("-n,--port-no", g.port_no, "Numeric port for the calls that take one (default 1), 0..99")
+        ->check(CLI::Range(0, 99).description(""))
         ->type_name("N");
-    app.add_option("--timeout", g.timeout, "Seconds to wait for a card, a swipe, a finger (each command has its default)")
-        ->check(CLI::Range(1, 86400))
+    app.add_option("--timeout", g.timeout,
+                   "Seconds to wait for a card, a swipe, a finger, 1..86400 (each command has its default)")
+        ->check(CLI::Range(1, 86400).description(""))
         ->type_name("SECONDS");
     auto* json = app.add_flag("--json", g.json, "One JSON object on stdout, nothing else (messages go to stderr)");
     app.add_flag("--no-countdown", g.no_countdown, "No countdown, even on a terminal");

@@ -132,7 +132,7 @@ const CLI::Validator kTrackText(
                 return "a track text holds no \"A\", \"?\" or control characters";
         return {};
     },
-    "TEXT");
+    "");
 
 }  // namespace
 
@@ -144,10 +144,10 @@ void add_stripe_command(CLI::App& app, Runner& run) {
         CLI::App* sub = stripe->add_subcommand(
             "read", "Read a swiped card (escape path: KOLT_MC_Read, Ctrl-C cancels; framed path: KOLT_T41_MC_ReadThreeTrackData)");
         sub->add_option("--path", o->path, "escape (default) or framed")
-            ->check(CLI::IsMember({"escape", "framed"}))
+            ->check(CLI::IsMember({"escape", "framed"}).description(""))
             ->type_name("framed|escape");
         sub->add_option("--track", o->track, "Tracks: 2, 3 or 23 (default 23)")
-            ->check(CLI::IsMember({"2", "3", "23"}))
+            ->check(CLI::IsMember({"2", "3", "23"}).description(""))
             ->type_name("2|3|23");
         sub->footer("Waits 20 s for a swipe unless --timeout says otherwise. Exit codes: see kolt --help.");
         sub->callback([&run, o] { run = [o](Globals& g, Output& out) { run_read(g, out, *o); }; });
@@ -158,7 +158,7 @@ void add_stripe_command(CLI::App& app, Runner& run) {
         sub->add_option("--track2", o->track2, "Track 2 text, without sentinels")->check(kTrackText)->type_name("T");
         sub->add_option("--track3", o->track3, "Track 3 text, without sentinels")->check(kTrackText)->type_name("T");
         sub->add_option("--path", o->path, "escape (default; the framed path only reads)")
-            ->check(CLI::IsMember({"escape", "framed"}))
+            ->check(CLI::IsMember({"escape", "framed"}).description(""))
             ->type_name("framed|escape");
         sub->footer("Waits 20 s for a swipe unless --timeout says otherwise. Exit codes: see kolt --help.");
         sub->callback([&run, o] { run = [o](Globals& g, Output& out) { run_write(g, out, *o); }; });
