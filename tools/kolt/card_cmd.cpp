@@ -281,7 +281,8 @@ void add_tx_options(CLI::App* sub, TxOptions& o) {
         ->type_name("TEXT");
 }
 
-int ic_type_of(const std::string& slot) { return ic_type_of_slot(slot); }
+// The IC type of --slot: 0 contact, 1 contactless.
+int ic_type_of(const std::string& slot) { return slot == "contactless" ? 1 : 0; }
 
 // Transaction data in the ICRT encoding: a letter, three digits of length,
 // the value, for amount, other amount, currency, date, type, time and
@@ -724,8 +725,6 @@ void run_transaction(Globals& g, Output& out, const TxOptions& o) {
 }
 
 }  // namespace
-
-int ic_type_of_slot(const std::string& slot) { return slot == "contactless" ? 1 : 0; }
 
 void add_card_commands(CLI::App& app, Runner& run) {
     {

@@ -183,7 +183,4 @@ void add_idcard_command(CLI::App& app, Runner& run);
 void add_finger_commands(CLI::App& app, Runner& run);  // finger, clerk
 void add_selftest_command(CLI::App& app, Runner& run);
 
-// The card calls' IC type of --slot.
-int ic_type_of_slot(const std::string& slot);
-
 }  // namespace kolt::cli
