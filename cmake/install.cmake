@@ -95,6 +95,12 @@ if(TARGET kolt-sim)
     DESTINATION ${KOLT_SIM_DATA_DIR}/profiles COMPONENT kolt-tools FILES_MATCHING PATTERN "*.json")
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/sim/cards/
     DESTINATION ${KOLT_SIM_DATA_DIR}/cards COMPONENT kolt-tools)
+  # The demonstration clerks of kolt-clerkd and the recorded sessions that
+  # kolt-sim --replay plays back.
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/sim/clerks/
+    DESTINATION ${KOLT_SIM_DATA_DIR}/clerks COMPONENT kolt-tools FILES_MATCHING PATTERN "*.json")
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/sim/sessions/
+    DESTINATION ${KOLT_SIM_DATA_DIR}/sessions COMPONENT kolt-tools FILES_MATCHING PATTERN "*.session")
   install(FILES ${PROJECT_SOURCE_DIR}/sim/README.md
     DESTINATION ${KOLT_TOOLS_DOC_DIR} RENAME kolt-sim.md COMPONENT kolt-tools)
 endif()

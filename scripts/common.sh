@@ -20,7 +20,7 @@ kolt_ensure_packages() {
     $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
 }
 
-KOLT_BUILD_PACKAGES=(g++ cmake make pkg-config binutils libcjson-dev libgtest-dev libgmock-dev libssl-dev libxml2-dev)
+KOLT_BUILD_PACKAGES=(g++ cmake make pkg-config binutils libcjson-dev libgtest-dev libgmock-dev libssl-dev libxml2-dev libcli11-dev)
 
 # What a cross build for Linux on 64-bit Arm needs besides the packages
 # above: the cross toolchain and the arm64 multiarch libraries

@@ -20,6 +20,9 @@ triple=aarch64-linux-gnu
 echo "== packages for the aarch64 cross build"
 sudo=""
 if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
+# libcli11-dev (in KOLT_BUILD_PACKAGES) is header-only and architecture
+# "all": the host's package serves the cross build, found through the "/"
+# of the toolchain's root path.
 kolt_ensure_arm64_packages "${KOLT_BUILD_PACKAGES[@]}" "${KOLT_AARCH64_PACKAGES[@]}" \
     "${KOLT_PACKAGING_PACKAGES[@]}" qemu-user qemu-user-binfmt
 

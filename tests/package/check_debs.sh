@@ -191,6 +191,10 @@ if [ "$(setting man)" = 1 ]; then expected_tools+=$'\n'"./usr/share/man/man1/kol
 expected_tools+=$'\n'"$(cd "$source_dir/sim" && find profiles -maxdepth 1 -name '*.json' -type f |
     sed 's|^|./usr/share/kolt/sim/|')"
 expected_tools+=$'\n'"$(cd "$source_dir/sim" && find cards -type f | sed 's|^|./usr/share/kolt/sim/|')"
+expected_tools+=$'\n'"$(cd "$source_dir/sim" && find clerks -maxdepth 1 -name '*.json' -type f |
+    sed 's|^|./usr/share/kolt/sim/|')"
+expected_tools+=$'\n'"$(cd "$source_dir/sim" && find sessions -maxdepth 1 -name '*.session' -type f |
+    sed 's|^|./usr/share/kolt/sim/|')"
 
 check_package libkolt2 libs "$expected_lib" libc6 libstdc++6
 check_package libkolt-dev libdevel "$expected_dev" libkolt2
