@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "common/card_flow.hpp"
+#include "common/com_link.hpp"
 #include "common/sim_fixture.hpp"
 #include "common/test_util.hpp"
 #include "kolt_sim/issuer.hpp"
@@ -367,34 +368,8 @@ TEST_F(Cli, DeviceThatDoesNotAnswer) {
     EXPECT_TRUE(contains(r.err, "the device does not answer")) << r;
 }
 
-// A /dev/COM<n> link to the simulator's line for DEV_CommCall (root only).
-class ComLink {
-public:
-    explicit ComLink(const std::string& target) {
-        for (int n = 8; n >= 1; --n) {
-            const std::string path = "/dev/COM" + std::to_string(n);
-            if (::symlink(target.c_str(), path.c_str()) == 0) {
-                number_ = n;
-                path_ = path;
-                return;
-            }
-            if (errno != EEXIST) return;
-        }
-    }
-    ~ComLink() {
-        if (!path_.empty()) ::unlink(path_.c_str());
-    }
-    ComLink(const ComLink&) = delete;
-    ComLink& operator=(const ComLink&) = delete;
-    int number() const { return number_; }
-
-private:
-    int number_ = 0;
-    std::string path_;
-};
-
 TEST_F(Cli, DeviceThroughDevCommCall) {
-    ComLink link(sim().slave_path());
+    kolt::test::ComLink link(sim().slave_path());
     if (link.number() == 0) GTEST_SKIP() << "cannot create a /dev/COM<n> link here";
     const std::string n = std::to_string(link.number());
     const std::string answer =
@@ -420,12 +395,19 @@ TEST_F(Cli, DeviceThroughDevCommCall) {
 }
 
 TEST_F(Cli, DevCommCallPortThatDoesNotExist) {
-    for (int n = 9999; n > 9990; --n) {
-        if (fs::exists(fs::symlink_status("/dev/COM" + std::to_string(n)))) continue;
-        const Result r = run({"device", "--com", std::to_string(n)});
-        EXPECT_EQ(r.status, 3) << r;
-        EXPECT_TRUE(contains(r.err, "/dev/COM" + std::to_string(n))) << r;
-        return;
+    const int n = kolt::test::free_com_number();
+    ASSERT_NE(n, 0);
+    const Result r = run({"device", "--com", std::to_string(n)});
+    EXPECT_EQ(r.status, 3) << r;
+    EXPECT_TRUE(contains(r.err, "/dev/COM" + std::to_string(n))) << r;
+}
+
+// DEV_CommCall opens ports 1..8 only; a larger number would leave the link
+// on the terminal.
+TEST_F(Cli, DevCommCallPortOutsideOneToEightIsAUsageError) {
+    for (const char* n : {"0", "9", "12"}) {
+        const Result r = run({"device", "--com", n});
+        EXPECT_EQ(r.status, 2) << r;
     }
 }
 

@@ -2,14 +2,13 @@
 // pure functions, then DEV_CommCall end to end on the simulator, reached
 // through a /dev/COM<n> link to its pseudo-terminal.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include "common/com_link.hpp"
 #include "common/sim_fixture.hpp"
 #include "common/test_util.hpp"
 #include "devinfo/request.hpp"
@@ -150,42 +149,6 @@ TEST(DevInfoAnswer, ControlCharactersAreEscapedByTheJsonWriter) {
 
 // ---- DEV_CommCall end to end.
 
-// A /dev/COM<n> link to the simulator's pseudo-terminal for the lifetime of
-// the object, n the first of 1..8 free (symlink fails on a name that
-// exists, so two test programs never share one). Without the right to
-// create it (not root) the tests skip themselves.
-class ComLink {
-public:
-    explicit ComLink(const std::string& target) {
-        for (int n = 8; n >= 1; --n) {
-            const std::string path = "/dev/COM" + std::to_string(n);
-            if (target.empty()) {
-                if (!std::filesystem::exists(std::filesystem::symlink_status(path))) {
-                    number_ = n;
-                    return;
-                }
-                continue;
-            }
-            if (::symlink(target.c_str(), path.c_str()) == 0) {
-                number_ = n;
-                path_ = path;
-                return;
-            }
-            if (errno != EEXIST) return;
-        }
-    }
-    ~ComLink() {
-        if (!path_.empty()) ::unlink(path_.c_str());
-    }
-    ComLink(const ComLink&) = delete;
-    ComLink& operator=(const ComLink&) = delete;
-    int number() const { return number_; }
-
-private:
-    int number_ = 0;
-    std::string path_;
-};
-
 int open_fds() {
     int n = 0;
     for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator("/proc/self/fd")) ++n;
@@ -210,7 +173,7 @@ class DevCommCall : public kolt::test::SimTest {
 protected:
     void SetUp() override {
         kolt::test::SimTest::SetUp();
-        link_ = std::make_unique<ComLink>("/dev/" + sim().port_name());
+        link_ = std::make_unique<kolt::test::ComLink>("/dev/" + sim().port_name());
         if (link_->number() == 0) GTEST_SKIP() << "cannot create a /dev/COM<n> link here";
     }
     void TearDown() override {
@@ -224,7 +187,7 @@ protected:
         for (const auto& c : sim().transcript()) v.emplace_back(c.cls, c.code);
         return v;
     }
-    std::unique_ptr<ComLink> link_;
+    std::unique_ptr<kolt::test::ComLink> link_;
 };
 
 TEST_F(DevCommCall, AnswersWithTheDeviceIdentity) {
@@ -301,10 +264,10 @@ TEST_F(DevCommCall, NullArguments) {
 }
 
 TEST(DevCommCallNoDevice, AMissingDeviceGivesTheError) {
-    ComLink free_name("");
-    ASSERT_NE(free_name.number(), 0);
+    const int n = kolt::test::free_com_number();
+    ASSERT_NE(n, 0);
     const int fds = open_fds();
-    const Call c = comm_call(request("0001", std::to_string(free_name.number())).c_str());
+    const Call c = comm_call(request("0001", std::to_string(n)).c_str());
     EXPECT_EQ(c.result, 0);
     EXPECT_EQ(c.answer, kError);
     EXPECT_EQ(open_fds(), fds);

@@ -136,7 +136,7 @@ void use_port(Globals& g);
 // version (1 s). The failure when the port cannot be opened or the device
 // does not answer, else nullopt.
 std::optional<Failure> device_failure_after(const Globals& g, int32_t rc);
-// The N of a port named "COMN" (or "/dev/COMN"), else nullopt.
+// The N of a port named "COMN" (or "/dev/COMN") with N of 1..8, else nullopt.
 std::optional<int> com_port_number(std::string_view port);
 
 // ---------------------------------------------------------------------------

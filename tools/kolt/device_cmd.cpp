@@ -148,7 +148,7 @@ void add_device_command(CLI::App& app, Runner& run) {
         "device", "Device information: brand, library version, model, serial number, version (DEV_CommCall for COMn)");
     sub->add_option("--com", o->com,
                     "Ask DEV_CommCall for the device on /dev/COM<N> (also done for a port named COMn or /dev/COMn)")
-        ->check(CLI::Range(1, 9999).description(""))
+        ->check(CLI::Range(1, 8).description(""))
         ->type_name("N");
     sub->footer(
         "With --com N, or a port COMn, DEV_CommCall answers (it opens /dev/COM<N> itself); with any other port the "

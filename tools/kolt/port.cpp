@@ -28,6 +28,10 @@ std::optional<int> com_port_number(std::string_view port) {
         if (c < '0' || c > '9' || n > 9999) return std::nullopt;
         n = n * 10 + (c - '0');
     }
+    // DEV_CommCall opens only ports 1..8 (a larger number would leave the
+    // library's link on descriptor 0, the terminal); another COMn is asked
+    // through the exported commands like any other port.
+    if (n < 1 || n > 8) return std::nullopt;
     return n;
 }
 
