@@ -24,19 +24,7 @@ namespace {
 namespace fs = std::filesystem;
 using kolt::sim::IdCardFields;
 
-// GBK bytes of UTF-8 text, by the C library's converter.
-std::string gbk(const std::string& utf8) {
-    iconv_t cd = iconv_open("GBK", "UTF-8");
-    std::string in = utf8;
-    std::vector<char> out(in.size() * 2 + 8);
-    char* src = in.data();
-    size_t left = in.size();
-    char* dst = out.data();
-    size_t room = out.size();
-    iconv(cd, &src, &left, &dst, &room);
-    iconv_close(cd);
-    return std::string(out.data(), out.size() - room);
-}
+using kolt::test::gbk;
 
 std::string read_file(const fs::path& p) {
     std::ifstream in(p, std::ios::binary);

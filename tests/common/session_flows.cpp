@@ -26,20 +26,7 @@ fs::path source_dir() {
     return fs::path(__FILE__).parent_path().parent_path().parent_path();
 }
 
-// GBK bytes of UTF-8 text, by the C library's converter.
-std::string gbk(const std::string& utf8) {
-    iconv_t cd = iconv_open("GBK", "UTF-8");
-    if (cd == reinterpret_cast<iconv_t>(-1)) throw std::runtime_error("no GBK converter");
-    std::string in = utf8;
-    std::vector<char> out(in.size() * 2 + 8);
-    char* src = in.data();
-    size_t left = in.size();
-    char* dst = out.data();
-    size_t room = out.size();
-    iconv(cd, &src, &left, &dst, &room);
-    iconv_close(cd);
-    return std::string(out.data(), out.size() - room);
-}
+using kolt::test::gbk;
 
 std::string rc_text(int rc) { return "rc=" + std::to_string(rc); }
 

@@ -1,5 +1,7 @@
 #include "common/test_util.hpp"
 
+#include <iconv.h>
+
 #include "kolt/kolt.h"
 
 #include "support/log.hpp"
@@ -146,6 +148,20 @@ std::string read_line(int fd) {
         s.push_back(ch);
     }
     return s;
+}
+
+std::string gbk(const std::string& utf8) {
+    iconv_t cd = iconv_open("GBK", "UTF-8");
+    if (cd == reinterpret_cast<iconv_t>(-1)) throw std::runtime_error("no GBK converter");
+    std::string in = utf8;
+    std::vector<char> out(in.size() * 2 + 8);
+    char* src = in.data();
+    size_t left = in.size();
+    char* dst = out.data();
+    size_t room = out.size();
+    iconv(cd, &src, &left, &dst, &room);
+    iconv_close(cd);
+    return std::string(out.data(), out.size() - room);
 }
 
 }  // namespace kolt::test

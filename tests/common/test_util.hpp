@@ -87,6 +87,9 @@ inline const std::string kLogStamp = R"(\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2} \d
 // The current year and month as the log file names carry them (YYYYMM).
 std::string log_month();
 
+// GBK bytes of UTF-8 text, by the C library's converter (iconv).
+std::string gbk(const std::string& utf8);
+
 // The ESC byte, as escape sequences are spelled in the tests.
 inline const std::string kEsc = "\x1b";
 
