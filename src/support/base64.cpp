@@ -1,6 +1,7 @@
 #include "support/base64.hpp"
 
 #include <array>
+#include <cstring>
 
 #include "kolt/kolt.h"
 
@@ -23,6 +24,17 @@ constexpr auto kValues = [] {
     std::array<uint8_t, 256> t{};
     t.fill(kInvalid);
     for (uint8_t i = 0; i < 64; ++i) t[static_cast<uint8_t>(B64[i])] = i;
+    return t;
+}();
+
+// The two alphabet characters of every 12-bit value, for the encoder's
+// whole groups.
+constexpr auto kPairs = [] {
+    std::array<std::array<uint8_t, 2>, 4096> t{};
+    for (size_t i = 0; i < t.size(); ++i) {
+        t[i][0] = static_cast<uint8_t>(B64[i >> 6]);
+        t[i][1] = static_cast<uint8_t>(B64[i & 63]);
+    }
     return t;
 }();
 
@@ -49,12 +61,12 @@ int encode_raw(uint8_t* buf, int len) {
     // Whole groups from the last to the first: the text of group i covers
     // bytes 4i..4i+3, which only hold input of groups already encoded.
     for (int i = q - 1; i >= 0; --i) {
-        const uint8_t b0 = buf[3 * i], b1 = buf[3 * i + 1], b2 = buf[3 * i + 2];
-        uint8_t* o = buf + 4 * i;
-        o[0] = B64[b0 >> 2];
-        o[1] = B64[((b0 & 3) << 4) | (b1 >> 4)];
-        o[2] = B64[((b1 & 15) << 2) | (b2 >> 6)];
-        o[3] = B64[b2 & 63];
+        const uint8_t* in = buf + 3 * static_cast<size_t>(i);
+        const uint32_t x = static_cast<uint32_t>(in[0]) << 16 | static_cast<uint32_t>(in[1]) << 8 | in[2];
+        uint8_t* o = buf + 4 * static_cast<size_t>(i);
+        // Two characters for each 12 bits.
+        std::memcpy(o, kPairs[x >> 12].data(), 2);
+        std::memcpy(o + 2, kPairs[x & 0xFFF].data(), 2);
     }
     return (len + 2) / 3 * 4;
 }
@@ -71,21 +83,24 @@ int decode_raw(uint8_t* buf, int len) {
     int stop = 0;
     for (int i = 0; i < g; ++i) {
         const uint8_t* in = buf + 4 * static_cast<size_t>(i);
-        int v[4] = {kValues[in[0]], kValues[in[1]], kValues[in[2]], kValues[in[3]]};
-        int group_stop = -1;
-        if (((v[0] | v[1] | v[2] | v[3]) & kInvalid) != 0) {
-            // The group ends at its first character outside the alphabet;
-            // that one and those after it count as zero.
-            for (int j = 0; j < 4; ++j) {
-                if ((v[j] & kInvalid) != 0) {
-                    group_stop = j;
-                    for (int k = j; k < 4; ++k) v[k] = 0;
-                    break;
-                }
-            }
-            stop = group_stop;
-        }
         uint8_t* o = buf + 3 * static_cast<size_t>(i);
+        const uint32_t a = kValues[in[0]], b = kValues[in[1]], c = kValues[in[2]], d = kValues[in[3]];
+        if (((a | b | c | d) & kInvalid) == 0) {
+            // A whole group of the alphabet: 24 bits, three bytes. The
+            // output never runs ahead of the input (3 bytes for every 4).
+            const uint32_t x = a << 18 | b << 12 | c << 6 | d;
+            o[0] = static_cast<uint8_t>(x >> 16);
+            o[1] = static_cast<uint8_t>(x >> 8);
+            o[2] = static_cast<uint8_t>(x);
+            continue;
+        }
+        int v[4] = {static_cast<int>(a), static_cast<int>(b), static_cast<int>(c), static_cast<int>(d)};
+        // The group ends at its first character outside the alphabet; that
+        // one and those after it count as zero.
+        int group_stop = 0;
+        while ((v[group_stop] & kInvalid) == 0) ++group_stop;
+        for (int k = group_stop; k < 4; ++k) v[k] = 0;
+        stop = group_stop;
         const uint8_t b0 = static_cast<uint8_t>((v[0] << 2) | (v[1] >> 4));
         const uint8_t b1 = static_cast<uint8_t>(((v[1] & 15) << 4) | (v[2] >> 2));
         const uint8_t b2 = static_cast<uint8_t>(((v[2] & 3) << 6) | v[3]);
