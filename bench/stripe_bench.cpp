@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "bench_util.hpp"
 #include "kolt/kolt.h"
 #include "kolt_sim/simulator.hpp"
 
@@ -18,22 +19,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A simulated reader on its pseudo-terminal, named in gPortName.
-class Reader {
-public:
-    Reader() {
-        sim_.start();
-        const std::string port = sim_.port_name();
-        std::memset(gPortName, 0, sizeof gPortName);
-        std::strncpy(gPortName, port.c_str(), sizeof gPortName - 1);
-    }
-    ~Reader() { sim_.stop(); }
-    kolt::sim::Simulator& operator*() { return sim_; }
-    kolt::sim::Simulator* operator->() { return &sim_; }
-
-private:
-    kolt::sim::Simulator sim_;
-};
+using kolt::bench::Reader;
 
 const kolt::sim::StripeCard kCard{"", ";6299990000001234560=30122201234567890?",
                                   ";996299990000001234560=1561560000000000000003000000114000049120?"};
@@ -82,7 +68,7 @@ void BM_StripeCancelLatency(benchmark::State& state) {
     state.counters["worst_ms"] = worst * 1000;
     cancelOperation = 0;
 }
-BENCHMARK(BM_StripeCancelLatency)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(14);
+BENCHMARK(BM_StripeCancelLatency)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(14)->Repetitions(1);
 
 // CPU used by the whole process while a read waits for a swipe, in per cent
 // of one core (the simulator's thread included).
@@ -104,7 +90,7 @@ void BM_StripeWaitCpu(benchmark::State& state) {
     state.counters["cpu_percent"] = percent;
     cancelOperation = 0;
 }
-BENCHMARK(BM_StripeWaitCpu)->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(BM_StripeWaitCpu)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(1);
 
 // A whole read of tracks 2 and 3 when the card is swiped at once.
 void BM_StripeReadSwipedAtOnce(benchmark::State& state) {
@@ -114,6 +100,6 @@ void BM_StripeReadSwipedAtOnce(benchmark::State& state) {
         if (read_both(5) != 0) state.SkipWithError("the read failed");
     }
 }
-BENCHMARK(BM_StripeReadSwipedAtOnce)->Unit(benchmark::kMillisecond)->Iterations(10);
+BENCHMARK(BM_StripeReadSwipedAtOnce)->Unit(benchmark::kMillisecond)->Iterations(10)->Repetitions(1);
 
 }  // namespace

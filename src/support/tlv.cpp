@@ -33,6 +33,23 @@ bool same_tag(const tlv_t& item, std::span<const uint8_t> tag) {
     return item.tag.size == tag.size() && std::memcmp(item.tag.data, tag.data(), tag.size()) == 0;
 }
 
+// Bytes of the item at p (tag, length and value, every one within avail
+// bytes), 0 when it does not fit or its length byte is not one of 00..7F,
+// 81, 82, 83. The walks over a source go item by item with it. (An item
+// whose length byte is 00 ends right after it, like any other.)
+std::size_t item_extent(const uint8_t* p, std::size_t avail) {
+    const std::size_t t = tag_size(p[0]);
+    if (t >= avail) return 0;
+    // With three bytes there, both places the length byte can be at are
+    // read at once, so that the walk waits on one load per item, not two.
+    const uint8_t b0 = avail >= 3 ? (t == 2 ? p[2] : p[1]) : p[t];
+    if (b0 <= 0x7F) return t + 1 + b0 <= avail ? t + 1 + b0 : 0;
+    const int k = length_bytes(b0);
+    if (k == 0 || t + static_cast<std::size_t>(k) > avail) return 0;
+    const std::size_t whole = t + static_cast<std::size_t>(k) + length_value(p + t);
+    return whole <= avail ? whole : 0;
+}
+
 }  // namespace
 
 size_t item_size(const tlv_t& item, const uint8_t* start) {
@@ -79,11 +96,13 @@ std::optional<tlv_t> parse_one(std::span<const uint8_t> src) {
 
 int32_t count(std::span<const uint8_t> src, int strict) {
     int32_t n = 0;
-    size_t off = 0;
-    while (off < src.size()) {
-        tlv_t item{};
-        if (!parse_into(item, src.subspan(off))) return strict == 1 ? -1 : n;
-        off += item_size(item, src.data() + off);
+    const uint8_t* p = src.data();
+    std::size_t left = src.size();
+    while (left > 0) {
+        const std::size_t size = item_extent(p, left);
+        if (size == 0) return strict == 1 ? -1 : n;
+        p += size;
+        left -= size;
         ++n;
     }
     return n;
