@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <termios.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -59,6 +60,40 @@ private:
     bool changed_ = false;
 };
 
+// On a terminal line, a read of a known count asks the line discipline to
+// report the line readable only once the bytes still missing (at most 255)
+// are there (VMIN), so that a reply crossing a slow line wakes the reader
+// once or twice instead of once a byte. The setting the read found is
+// restored when it ends; other descriptors are left alone.
+class MinChars {
+public:
+    explicit MinChars(int fd) : fd_(fd) {
+        tty_ = ::tcgetattr(fd, &attr_) == 0;
+        saved_ = attr_.c_cc[VMIN];
+        current_ = saved_;
+    }
+    ~MinChars() { set(saved_); }
+    MinChars(const MinChars&) = delete;
+    MinChars& operator=(const MinChars&) = delete;
+
+    void want(std::size_t missing) { set(static_cast<cc_t>(std::min<std::size_t>(missing, 255))); }
+    // Back to the setting found: a last read then takes what is there.
+    void restore() { set(saved_); }
+
+private:
+    void set(cc_t v) {
+        if (!tty_ || v == current_) return;
+        attr_.c_cc[VMIN] = v;
+        if (::tcsetattr(fd_, TCSANOW, &attr_) == 0) current_ = v;
+    }
+
+    int fd_;
+    bool tty_ = false;
+    termios attr_{};
+    cc_t saved_ = 0;
+    cc_t current_ = 0;
+};
+
 enum class Stop { none, first_above_3f };
 
 // What else ends a read besides a full buffer and the time: a tail that the
@@ -80,9 +115,17 @@ int read_loop(int fd, std::span<uint8_t> buf, std::size_t have, int timeout_s, S
     const Deadline deadline = Deadline::whole_seconds(timeout_s);
     std::size_t got = have;
     bool first = true;
+    // Only a read that ends at its count alone may wait for the whole rest.
+    const bool counted = stop == Stop::none && end.tail.empty();
+    MinChars min_chars(counted ? fd : -1);
+    bool timed_out = false;
     while (got < buf.size()) {
-        if (!first && deadline.expired()) break;
+        if (!first && deadline.expired()) {
+            timed_out = true;
+            break;
+        }
         first = false;
+        min_chars.want(buf.size() - got);
         const Wake wake = wait_fd(fd, POLLIN, deadline, end.cancel);
         if (wake == Wake::invalid || wake == Wake::cancelled) break;
         if (wake == Wake::timeout) continue;
@@ -106,6 +149,13 @@ int read_loop(int fd, std::span<uint8_t> buf, std::size_t have, int timeout_s, S
         if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (n < 0 && errno == EBADF) break;
         idle(deadline);  // readable but nothing to read: the line hung up
+    }
+    if (timed_out && got < buf.size()) {
+        // Bytes that came in time but fewer than the count asked: the
+        // line discipline held them back from poll; they count all the same.
+        min_chars.restore();
+        const ssize_t n = ::read(fd, buf.data() + got, buf.size() - got);
+        if (n > 0) got += static_cast<std::size_t>(n);
     }
     return static_cast<int>(got - have);
 }
