@@ -180,10 +180,11 @@ void FrameServer::on_idle() {
     std::vector<Outgoing> out;
     {
         std::lock_guard l(m_);
+        // Bytes still crossing the line: the host has not gone quiet.
+        if (!crossing_.empty()) return;
         const auto now = Clock::now();
         if (term_) term_->idle(now, 300ms);
-        // Bytes still crossing the line: the host has not gone quiet.
-        if (parser_.empty() || !crossing_.empty()) return;
+        if (parser_.empty()) return;
         const auto quiet = now - last_rx_;
         if (quiet >= 50ms) parser_.parse(*this, true, quiet >= 600ms);
         out = take_replies();
