@@ -8,17 +8,21 @@
 # Usage: scripts/bench.sh [--output FILE]   the whole run, the document written
 #        scripts/bench.sh -- ARGS...        kolt-bench alone with ARGS (e.g.
 #                                           --benchmark_filter=Stripe), nothing written
+#        scripts/bench.sh --flow ARGS...    kolt-flow-bench alone with ARGS (e.g.
+#                                           --runs 3 --only stripe), nothing written
 source "$(dirname "$0")/common.sh"
 kolt_ensure_packages "${KOLT_BUILD_PACKAGES[@]}" libbenchmark-dev
 
 output="$KOLT_ROOT/docs/performance.md"
+only=""
 only_args=()
 while [ $# -gt 0 ]; do
     case "$1" in
-        --output) [ $# -ge 2 ] || { echo "usage: $0 [--output FILE] | -- ARGS..." >&2; exit 2; }
+        --output) [ $# -ge 2 ] || { echo "usage: $0 [--output FILE] | -- ARGS... | --flow ARGS..." >&2; exit 2; }
                   output="$(realpath -m "$2")"; shift 2 ;;
-        --) shift; only_args=("$@"); [ ${#only_args[@]} -gt 0 ] || only_args=(--benchmark_list_tests); break ;;
-        *) echo "usage: $0 [--output FILE] | -- ARGS..." >&2; exit 2 ;;
+        --) shift; only=kolt-bench; only_args=("$@"); break ;;
+        --flow) shift; only=kolt-flow-bench; only_args=("$@"); break ;;
+        *) echo "usage: $0 [--output FILE] | -- ARGS... | --flow ARGS..." >&2; exit 2 ;;
     esac
 done
 
@@ -28,8 +32,8 @@ build=build/bench
 # std::string.
 kolt_build "$build" -DCMAKE_BUILD_TYPE=Release -DKOLT_TESTS=OFF -DKOLT_BENCH=ON
 
-if [ ${#only_args[@]} -gt 0 ]; then
-    exec "$build/bench/kolt-bench" "${only_args[@]}"
+if [ -n "$only" ]; then
+    exec "$build/bench/$only" "${only_args[@]}"
 fi
 
 start=$(date +%s)

@@ -2,7 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdio>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "common/sim_fixture.hpp"
 #include "common/test_util.hpp"
@@ -188,4 +191,100 @@ TEST_F(SimPaced, RepliesAtNineThousandSixHundredBaud) {
     EXPECT_TRUE(decode_special_reply(got));
     // 92 bytes of 10 bits each take at least 95 ms on the line.
     EXPECT_GE(took, std::chrono::milliseconds(90));
+}
+
+namespace {
+
+// What a fixed exchange leaves in a simulator's records, and whether every
+// reply found its whole command already received.
+struct LineRecords {
+    Bytes received, sent;
+    std::vector<std::string> commands;
+    std::vector<std::string> frame_errors;
+    std::vector<Bytes> replies;
+    bool received_before_answered = true;
+};
+
+LineRecords run_exchange(bool pace) {
+    Options o;
+    o.pace = pace;
+    Simulator s(o);
+    s.start();
+    RawLine l(s.slave_path());
+    LineRecords r;
+    size_t written = 0;
+    auto put = [&](const Bytes& b) {
+        l.write(b);
+        written += b.size();
+    };
+    auto answered = [&](Bytes reply) {
+        // The reply is in: every byte written before it must have been
+        // received by then.
+        r.received_before_answered = r.received_before_answered && s.raw_received().size() == written;
+        r.replies.push_back(std::move(reply));
+    };
+
+    // A command in one write.
+    put(kRfOn);
+    answered(l.read_until(0x03, 3000));
+    // A command in three writes.
+    const Bytes version = encode_main_command(0x31, 0x11, Bytes{0x04});
+    put(Bytes(version.begin(), version.begin() + 3));
+    put(Bytes(version.begin() + 3, version.begin() + 9));
+    put(Bytes(version.begin() + 9, version.end()));
+    answered(l.read_until(0x03, 3000));
+    // Two commands in one write: two replies, in order.
+    Bytes two = kRfOn;
+    const Bytes rf_off = encode_main_command(0x38, 0x98, {});
+    two.insert(two.end(), rf_off.begin(), rf_off.end());
+    put(two);
+    answered(l.read(2 * kOk.size(), 3000));
+    // The bracket greeting and the probe.
+    put(encode_bracket(0x41, {}));
+    answered(l.read_until(')', 3000));
+    put(text_bytes(std::string(kProbe)));
+    answered(l.read_until(')', 3000));
+
+    r.received = s.raw_received();
+    r.sent = s.raw_sent();
+    for (const Command& c : s.transcript()) {
+        char head[32];
+        std::snprintf(head, sizeof head, "%s %02X %02X ", framing_name(c.framing), c.cls, c.code);
+        r.commands.push_back(head + kolt::test::to_hex(c.data));
+    }
+    r.frame_errors = s.frame_errors();
+    s.stop();
+    return r;
+}
+
+}  // namespace
+
+// The paced line changes when bytes arrive, never which bytes, which
+// commands or in what order the replies come.
+TEST(SimPacedLine, SameBytesCommandsAndRepliesAsUnpaced) {
+    const LineRecords fast = run_exchange(false);
+    const LineRecords paced = run_exchange(true);
+    EXPECT_TRUE(fast.received_before_answered);
+    EXPECT_TRUE(paced.received_before_answered);
+    EXPECT_TRUE(paced.frame_errors.empty());
+    EXPECT_EQ(paced.received, fast.received);
+    EXPECT_EQ(paced.sent, fast.sent);
+    EXPECT_EQ(paced.commands, fast.commands);
+    EXPECT_EQ(paced.replies, fast.replies);
+    ASSERT_EQ(paced.commands.size(), 6u);
+    Bytes two_ok = kOk;
+    two_ok.insert(two_ok.end(), kOk.begin(), kOk.end());
+    EXPECT_EQ(paced.replies[2], two_ok);
+}
+
+// A command is answered only after all its bytes have crossed the line:
+// the record of received bytes holds the whole command by the time any of
+// the reply is there.
+TEST_F(SimPaced, ReceivedInFullBeforeTheReplyStarts) {
+    const Bytes cmd = encode_main_command(0x31, 0x11, Bytes{0x04});
+    line->write(cmd);
+    const Bytes first = line->read(1, 3000);
+    ASSERT_EQ(first, Bytes{0x02});
+    EXPECT_EQ(sim->raw_received(), cmd);
+    EXPECT_EQ(sim->transcript().size(), 1u);
 }

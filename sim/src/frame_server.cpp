@@ -3,6 +3,7 @@
 
 #include <poll.h>
 #include <termios.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +22,9 @@ namespace {
 // Stray bytes written before a reply by the GarbageBefore fault; none of
 // them can start a reply of any framing.
 const Bytes kGarbage = {0x00, 0x55, 0xAA, 'Z', 0x7F, 0xFF};
+
+// One byte on a 9600 baud 8N1 line: start bit, 8 data bits, stop bit.
+constexpr std::chrono::nanoseconds kByteTime{1'041'667};
 
 const char* fault_name(Fault::Kind k) {
     static const char* const names[] = {"no reply",        "bad check", "truncate",       "garbage before",
@@ -72,7 +76,8 @@ void FrameServer::serve() {
     uint8_t buf[4096];
     while (!stopping_) {
         pollfd pfd[2] = {{pty_.master.get(), POLLIN, 0}, {wake_r_.get(), POLLIN, 0}};
-        const int r = ::poll(pfd, 2, poll_timeout_ms());
+        const timespec ts = poll_timeout();
+        const int r = ::ppoll(pfd, 2, &ts, nullptr);
         if (stopping_) break;
         if (r < 0) {
             if (errno == EINTR) continue;
@@ -87,6 +92,7 @@ void FrameServer::serve() {
             const ssize_t n = ::read(pty_.master.get(), buf, sizeof buf);
             if (n > 0) {
                 on_input(buf, static_cast<size_t>(n));
+                on_crossed();
                 on_timer();
                 continue;
             }
@@ -94,6 +100,7 @@ void FrameServer::serve() {
         } else if (pfd[0].revents & (POLLHUP | POLLERR)) {
             std::this_thread::sleep_for(10ms);
         }
+        on_crossed();
         on_idle();
         on_timer();
     }
@@ -104,20 +111,53 @@ void FrameServer::wake() {
     [[maybe_unused]] auto ignored = ::write(wake_w_.get(), &b, 1);
 }
 
-// Short while a frame is incomplete, and no later than the timer's next event.
-int FrameServer::poll_timeout_ms() const {
+// Short while a frame is incomplete, and no later than the timer's next
+// event or the moment the next bytes on the line have crossed it.
+timespec FrameServer::poll_timeout() const {
     std::lock_guard l(m_);
-    int ms = (!parser_.empty() || (term_ && term_->pending())) ? 25 : 500;
-    if (next_due_ != Clock::time_point::max()) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(next_due_ - Clock::now()).count();
-        ms = static_cast<int>(std::clamp<long long>(left, 0, ms));
-    }
-    return ms;
+    const auto now = Clock::now();
+    auto wait = std::chrono::duration_cast<Clock::duration>(
+        (!parser_.empty() || (term_ && term_->pending())) ? 25ms : 500ms);
+    if (next_due_ != Clock::time_point::max()) wait = std::min(wait, next_due_ - now);
+    if (!crossing_.empty()) wait = std::min(wait, crossing_.front().done - now);
+    const long long ns = std::max<long long>(std::chrono::nanoseconds(wait).count(), 0);
+    return timespec{static_cast<time_t>(ns / 1'000'000'000), static_cast<long>(ns % 1'000'000'000)};
 }
 
 // --- input -----------------------------------------------------------------------------
 
+// Bytes read from the line. Unpaced they count as received at once. Paced,
+// they first cross a 9600 baud 8N1 line (10 bits a byte) that carries one
+// byte at a time: bytes read at t have crossed at max(t, line busy until) +
+// n byte times, and only then are they recorded and handed to the parser
+// (on_crossed), so that a command is answered no earlier than a real unit
+// could have had all of it.
 void FrameServer::on_input(const uint8_t* p, size_t n) {
+    if (pace_) {
+        std::lock_guard l(m_);
+        const auto start = std::max(Clock::now(), rx_busy_until_);
+        rx_busy_until_ = start + std::chrono::duration_cast<Clock::duration>(kByteTime * static_cast<long>(n));
+        crossing_.push_back(Crossing{rx_busy_until_, Bytes(p, p + n)});
+        return;
+    }
+    receive(p, n);
+}
+
+// Hands over the bytes that have crossed the line by now, in order.
+void FrameServer::on_crossed() {
+    for (;;) {
+        Bytes bytes;
+        {
+            std::lock_guard l(m_);
+            if (crossing_.empty() || crossing_.front().done > Clock::now()) return;
+            bytes = std::move(crossing_.front().bytes);
+            crossing_.pop_front();
+        }
+        receive(bytes.data(), bytes.size());
+    }
+}
+
+void FrameServer::receive(const uint8_t* p, size_t n) {
     std::vector<Outgoing> out;
     {
         std::lock_guard l(m_);
@@ -140,6 +180,8 @@ void FrameServer::on_idle() {
     std::vector<Outgoing> out;
     {
         std::lock_guard l(m_);
+        // Bytes still crossing the line: the host has not gone quiet.
+        if (!crossing_.empty()) return;
         const auto now = Clock::now();
         if (term_) term_->idle(now, 300ms);
         if (parser_.empty()) return;

@@ -10,9 +10,12 @@
 // themselves where they need it.
 #pragma once
 
+#include <time.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -97,6 +100,11 @@ private:
         Bytes wire;
         std::optional<Fault> fault;
     };
+    // Bytes read from the line that are still crossing it (paced line).
+    struct Crossing {
+        Clock::time_point done;
+        Bytes bytes;
+    };
     struct FaultEntry {
         Fault fault;
         int remaining;
@@ -116,9 +124,11 @@ private:
 
     void serve();
     void on_input(const uint8_t* p, size_t n);
+    void on_crossed();
+    void receive(const uint8_t* p, size_t n);
     void on_idle();
     void on_timer();
-    int poll_timeout_ms() const;
+    timespec poll_timeout() const;
     Outgoing outgoing(const Command& c, const Answer& answer);
     void send(const Outgoing& o);
     void cut_line(Bytes wire, int dead_ms);
@@ -150,6 +160,9 @@ private:
     Clock::time_point last_rx_{};
     Clock::time_point dead_until_{};
     Clock::time_point next_due_ = Clock::time_point::max();
+    // Paced line, host to unit: busy until this time, and what is on it.
+    Clock::time_point rx_busy_until_{};
+    std::deque<Crossing> crossing_;
 };
 
 }  // namespace kolt::sim

@@ -232,7 +232,13 @@ TerminalSequences ext_file_terminal(const std::string& path, int type, int port)
 struct Options {
     DeviceProfile profile = default_profile();
     TerminalConfig terminal;
-    bool pace = false;     // send replies at 9600 baud 8N1 (about 1.04 ms a byte)
+    // A true 9600 baud 8N1 line, 10 bits (about 1.04 ms) a byte, both ways.
+    // Replies go out a byte at a time at that pace. The host's bytes cross a
+    // line that is busy until the bytes before them have crossed: bytes read
+    // at time t count as received at max(t, line busy until) + n byte times,
+    // and only then are they recorded (raw_received) and parsed, so every
+    // command is answered no earlier than its last byte could have arrived.
+    bool pace = false;
     bool verbose = false;  // log decoded commands and faults to stderr
 };
 
