@@ -76,7 +76,7 @@ machine() {
 ## How the figures come about
 
 - Waiting sleeps in `poll` on the line (or the socket) with the time left, and looks at `cancelOperation`
-  every 100 ms where a cancel applies; a line whose other end has gone is looked at again after a pause,
+  every 40 ms where a cancel applies; a line whose other end has gone is looked at again after a pause,
   never in a busy loop. The fingerprint capture is the exception by design: the sensor must be asked again
   500 microseconds after each "no finger" answer, so while it waits the library runs one capture exchange
   after another, as fast as the line carries them (on a 9600-baud line about one every 13 ms); its CPU

@@ -18,11 +18,11 @@ long long now_ms(clockid_t clock) {
 
 bool cancelled(const volatile int32_t* cancel) { return cancel != nullptr && *cancel != 0; }
 
-// One wait slice: the whole remaining time, or kIdleSliceMs when a cancel
+// One wait slice: the whole remaining time, or kCancelSliceMs when a cancel
 // flag has to be looked at.
 int slice_ms(const Deadline& deadline, const volatile int32_t* cancel) {
     long long ms = deadline.remaining_ms();
-    if (cancel != nullptr) ms = std::min<long long>(ms, kIdleSliceMs);
+    if (cancel != nullptr) ms = std::min<long long>(ms, kCancelSliceMs);
     return static_cast<int>(std::clamp<long long>(ms, 0, INT_MAX));
 }
 

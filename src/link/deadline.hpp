@@ -10,8 +10,11 @@
 namespace kolt::link {
 
 // Longest sleep between two looks at a line that cannot signal readiness
-// (hung up), and between two looks at a cancel flag.
+// (hung up).
 inline constexpr int kIdleSliceMs = 100;
+// Longest wait between two looks at a caller's cancel flag: a cancel ends a
+// waiting call well within 100 ms, what teller applications allow for.
+inline constexpr int kCancelSliceMs = 40;
 
 class Deadline {
 public:
@@ -45,12 +48,12 @@ enum class Wake {
 };
 
 // Waits until fd is ready for events (POLLIN, POLLOUT) or the deadline
-// passes; with a cancel flag, notices it within kIdleSliceMs. Retries
+// passes; with a cancel flag, notices it within kCancelSliceMs. Retries
 // interrupted waits.
 Wake wait_fd(int fd, short events, const Deadline& deadline, const volatile int32_t* cancel = nullptr);
 
 // Sleeps until the deadline (or the cancel flag is set, looked at every
-// kIdleSliceMs). False when cancelled.
+// kCancelSliceMs). False when cancelled.
 bool sleep_until(const Deadline& deadline, const volatile int32_t* cancel = nullptr);
 
 // Sleeps ms milliseconds.

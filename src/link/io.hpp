@@ -25,7 +25,7 @@ int write_buf(int fd, std::span<const uint8_t> buf, int timeout_s);
 int rcv_buf(int fd, std::span<uint8_t> buf, int timeout_s);
 // As rcv_buf, into buf from `have` on (the bytes before are kept), also
 // ending as soon as buf's content ends with tail (when given) or *cancel
-// becomes non-zero (noticed within kIdleSliceMs): the count read now.
+// becomes non-zero (noticed within kCancelSliceMs): the count read now.
 int rcv_buf_until(int fd, std::span<uint8_t> buf, std::size_t have, int timeout_s, std::span<const uint8_t> tail,
                   const volatile int32_t* cancel);
 // As rcv_buf, but the first byte above 0x3F ends the read: its position + 1.

@@ -4,7 +4,7 @@
 // teller entry points' fixed settings.
 //
 // A read or write that waits for a swipe sleeps on the line and notices the
-// caller's cancel flag (cancelOperation) within link::kIdleSliceMs.
+// caller's cancel flag (cancelOperation) within link::kCancelSliceMs.
 #pragma once
 
 #include <array>
