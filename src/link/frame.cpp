@@ -60,7 +60,10 @@ int transact_t41(uint8_t cls, uint8_t code, std::span<const uint8_t> data, std::
     // refused before anything is read into the buffer.
     if (codec::main_decoded_size(head, body) > static_cast<long>(out.size())) return Lenth_Error;
 
-    pause_for(fd, rest);
+    // The device's own description sleeps the body's line time (at most a
+    // second) before reading it. The counted read sleeps on the line until
+    // the whole body is there, which is never later, and spares the reader
+    // a wake-up per reply.
     std::vector<uint8_t> wire;
     int got = 0;
     if (!read_rest(wire, head, rest, [&](std::span<uint8_t> b) { return rcv_buf(fd, b, timeout_s); }, got)) {
