@@ -121,6 +121,9 @@ const Valid kValid[] = {
     T(nullptr, "transferPort", ""),
     T(nullptr, "transferTypeText", ""),
     T(nullptr, "auxArg", ""),
+    // IC-encoded transaction data: a letter, a length byte, the value.
+    T("IC_GenARQC_YS", "trData", "P\x03" "100"),
+    T("IC_ARPC_ExeICScript", "trData", "P\x03" "100"),
     // In-place texts.
     T("KOLT_getValueFromStr", "line", "key=value"),
     T("KOLT_getValueFromStr", "key", "key"),
@@ -347,6 +350,14 @@ const std::vector<CallerRule>& caller_rules() {
         {"KOLT_T41_Exec_MutiScript", "len", huge, "len, n, size, width: no more than the caller's buffer holds"},
         {"KOLT_T41_ParseTagValue", "len", huge, "len, n, size, width: no more than the caller's buffer holds"},
         {"KOLT_gbConvert2idUni", "len", huge, "len, n, size, width: no more than the caller's buffer holds"},
+        {"KOLT_GetApduDataFromCDOL", "dolLen", huge, "len, n, size, width: no more than the caller's buffer holds"},
+        {"KOLT_SendData", "len", huge, "len, n, size, width: no more than the caller's buffer holds"},
+        {"KOLT_writeBuf", "len", huge, "len, n, size, width: no more than the caller's buffer holds"},
+        {"KOLT_T41_GetTagValue", "len", huge, "len, n, size, width: no more than the caller's buffer holds"},
+        {"parse_tlv_data", "size", huge, "len, n, size, width: no more than the caller's buffer holds"},
+        {"parse_tlv_data_t", "size", huge, "len, n, size, width: no more than the caller's buffer holds"},
+        {"parse_tlv_data_tmplt", "size", huge, "len, n, size, width: no more than the caller's buffer holds"},
+        {"unpack_tlv_data", "size", huge, "len, n, size, width: no more than the caller's buffer holds"},
         // Waits for what the simulated unit never sends.
         {"KOLT_writeBufAndReadFrom100s", "timeoutSec", huge,
          "a huge time-out for an answer that never comes (0x86 frame to a bracket-family unit) waits it out: the caller's choice",
@@ -415,6 +426,18 @@ const Valid* find_valid(const Function& f, const Param& p) {
     return generic;
 }
 
+// Inputs in the IC encoding (a letter, a length byte, the value, up to a
+// zero letter or 100 fields): the caller zeroes the buffer behind the data.
+constexpr std::size_t kIcEncodedZeros = 32 * 1024;
+constexpr const char* kIcEncodedRule =
+    "IC-encoded transaction data and application data blocks (IC_GenARQC_YS, IC_ARPC_ExeICScript) are read "
+    "up to a zero letter: the caller zeroes the buffer behind the data (given 32 KiB of zeros behind every text)";
+bool is_ic_encoded(const Function& f, const Param& p) {
+    const std::string fn = f.name, n = p.name;
+    return (fn == "IC_GenARQC_YS" || fn == "IC_ARPC_ExeICScript") && (n == "trData" || n == "appData") &&
+           p.kind != Kind::k_out;
+}
+
 bool self_opening(const Function& f) {
     for (const Param& p : f.params) {
         const std::string n = p.name;
@@ -441,7 +464,11 @@ ChildReport run_in_child(const Function& f, const Case& c, int null_fd) {
         Slot& s = a.s[static_cast<std::size_t>(i)];
         const Valid* valid = find_valid(f, p);
         const bool bad = c.param == i;
+        // IC-encoded data is read up to a zero letter: the caller zeroes the
+        // buffer behind the data.
+        const bool ic_encoded = is_ic_encoded(f, p);
         auto text = [&](std::string t) {
+            if (ic_encoded) t.append(kIcEncodedZeros, '\0');
             texts.push_back(std::move(t));
             s.p = texts.back().data();
         };
@@ -675,7 +702,7 @@ Outcome run_case(const Function& f, const Case& c, Mode mode) {
     }
     if (r.too_large) {
         out.passed = true;
-        out.result = "not called";
+        out.result = "not called: the room it needs exceeds any buffer";
         out.verdict = "left to the caller";
         return out;
     }
@@ -760,24 +787,37 @@ void write_report(const std::string& family, Mode mode, const std::string& rows)
     std::ostringstream md;
     md << "## Bad arguments\n\n"
        << "Every exported function of kolt.h, every parameter, bad values by the parameter's kind "
-          "(the other arguments valid; output buffers of 64 KiB, canaries beyond the room the header "
-          "states), each call in a child process with a limit of "
+          "(generated from the header; the other arguments valid; output buffers of 128 KiB, zero up to "
+          "the room the header states and a canary beyond it), each call in a child process with a limit of "
        << kLimit.count()
-       << " s. Device \"none\": gPortName names a missing node under /dev; \"simulator\": the simulator "
-          "answers (contact card, identity card, staying stripe card, finger on the sensor), the link "
-          "opened first for the calls that work on an open link. A huge time-out there returns when the "
-          "answer comes. Result: the return value, then per output buffer the bytes up to the last one "
-          "changed (of its room).\n\n"
+       << " s. Device \"none\": gPortName names a missing node under /dev and descriptor 0, where the link "
+          "stays for a refused port number, swallows writes and ends reads at once. Device \"simulator\": "
+          "the simulator answers (contact card, identity card, stripe card that stays, finger on the "
+          "sensor), the link opened first for the calls that work on an open link; a huge time-out there "
+          "returns when the answer comes. Stripe reads and writes wait for a swipe: cancelOperation is set "
+          "every 0.3 s, as the caller's other thread would. Result: the return value, then per output "
+          "buffer the bytes up to the last one the call changed (of its room); calls of 0.5 s or more "
+          "give their duration.\n\n"
        << "| function | parameter | value | device | result | verdict |\n"
        << "| --- | --- | --- | --- | --- | --- |\n";
     for (const auto& p : files) md << kolt::test::read_file(p.string());
     md << "\n### Left to the caller\n\n";
     std::set<std::string> seen;
+    md << "- " << kIcEncodedRule << "\n";
     md << "- A room the caller gives as a function of the arguments (below) that no buffer can hold: not called.\n";
     for (const CallerRoom& cr : caller_rooms())
         if (*cr.rule != '\0' && seen.insert(cr.rule).second) md << "- " << cr.rule << " (given exactly that room)\n";
-    for (const CallerRule& r : caller_rules())
-        if (seen.insert(r.rule).second) md << "- " << r.rule << " (not called with the bad value)\n";
+    for (const CallerRule& r : caller_rules()) {
+        if (!seen.insert(r.rule).second) continue;
+        md << "- " << r.rule << " (not called with that value";
+        const char* sep = ": ";
+        for (const CallerRule& s : caller_rules())
+            if (std::strcmp(s.rule, r.rule) == 0) {
+                md << sep << s.function << " " << s.param << (s.simulator_only ? " with the simulator" : "");
+                sep = ", ";
+            }
+        md << ")\n";
+    }
     const fs::path tmp = fs::path(dir) / ("bad_arguments.md." + std::to_string(::getpid()));
     std::ofstream(tmp) << md.str();
     fs::rename(tmp, fs::path(dir) / "bad_arguments.md");
@@ -807,8 +847,7 @@ void run_family(const std::string& family, Mode mode, const std::function<void(c
             const char* device = mode == Mode::simulator ? "simulator" : "none";
             rows << "| " << f.name << " | " << p.name << " | " << md_cell(describe(c.value)) << " | " << device << " | ";
             if (const CallerRule* r = rule_for(f, c, mode)) {
-                rows << "not called | left to the caller |\n";
-                (void)r;
+                rows << "not called: " << md_cell(r->rule) << " | left to the caller |\n";
                 continue;
             }
             ++n;

@@ -7,7 +7,8 @@
 # bad value for one parameter, every other argument valid. The kind of a
 # parameter comes from its type and name:
 #   text      const char*            NULL, "", 10,000 characters
-#   hex       hex text (hex in the parameter or function name, ARPC, AID text)
+#   hex       hex text (hex in the parameter or function name, ARPC, AID
+#             text, application data text)
 #                                    also odd length, not hex
 #   letters   tag-letter list        also unknown letters
 #   out       char* / uint8_t* / void* (an output or in-place buffer)   NULL
@@ -52,7 +53,7 @@ function(kind_of type name fn out_var)
   elseif(type MATCHES "^const char \\*$")
     if(name MATCHES "^(tagList|letters)$")
       set(kind letters)
-    elseif(name MATCHES "[Hh]ex|^arpc$|^aidText$" OR fn_lower MATCHES "hex")
+    elseif(name MATCHES "[Hh]ex|^arpc$|^aidText$|^appData$" OR fn_lower MATCHES "hex")
       set(kind hex)
     else()
       set(kind text)
