@@ -9,12 +9,21 @@
 // and without writing past the room the header gives an output buffer.
 //
 // One test per header section: first without a device (gPortName names a
-// node under /dev that does not exist, so the device calls fail at once),
-// then, for the sections that talk to the device, with a simulator that
-// answers (a contact card inserted, an identity card on the reader, a
-// stripe card that stays, a finger on the sensor), so that the calls get
-// past opening the link to where the arguments are used. Huge time-outs
-// return there as soon as the answer comes.
+// node under /dev that does not exist, so the device calls fail at once;
+// descriptor 0, where the link stays for a refused port number, swallows
+// writes and ends reads at once), then, for the sections that talk to the
+// device, with a simulator that answers (a contact card inserted, an
+// identity card on the reader, a stripe card that stays, a finger on the
+// sensor), so that the calls get past opening the link to where the
+// arguments are used. Huge time-outs return there as soon as the answer
+// comes; stripe reads and writes, which wait for a swipe, are given up by
+// cancelOperation as the caller's other thread would; an answer that never
+// comes is waited for as long as the caller asked (those cases are listed
+// as the caller's choice and not run).
+//
+// The hand table below holds only what the header says in words: valid
+// values by parameter name, rooms stated in prose, rooms the caller gives
+// as a function of other arguments, and the values left to the caller.
 //
 // With KOLT_REPORT_DIR set, the results go to
 // $KOLT_REPORT_DIR/bad_arguments.md ("## Bad arguments"): one row per case
@@ -874,6 +883,11 @@ protected:
         work_ = std::make_unique<kolt::test::TempDir>();
         g_work = work_->path();
         work_->write("bad-args.src", "kolt bad arguments\n");
+        // The clerk server: a port on this machine where nobody listens (the
+        // requests fail at connect). The photo decoders of the identity card.
+        work_->write("librun/koltt41fp.cfg", "serverip=127.0.0.1\nserverport=1\n");
+        for (const char* lib : {"libwlt.so", "libidpic.so"})
+            fs::copy_file(fs::path(KOLT_STANDIN_DIR) / lib, work_->path() / lib);
         home_ = std::make_unique<kolt::test::ScopedEnv>("HOME", work_->str());
         dcc_ = std::make_unique<kolt::test::ScopedEnv>("DCCHOME", work_->str());
         g_null_fd = ::open("/dev/null", O_WRONLY);
