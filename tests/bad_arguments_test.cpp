@@ -72,6 +72,11 @@ constexpr std::size_t kBuf = 128 * 1024;    // every output buffer
 constexpr std::size_t kTail = 256;          // canary tail when no room is stated
 constexpr uint8_t kCanary = 0xA5;
 constexpr long long kNone = LLONG_MIN;
+
+// The working directory of the cases, and /dev/null opened write-only (the
+// default descriptor and descriptor 0 of every case).
+fs::path g_work;
+int g_null_fd = -1;
 constexpr auto kLimit = std::chrono::seconds(10);  // wall clock of one case
 
 // ---------------------------------------------------------------------------
@@ -237,6 +242,8 @@ const Room kRooms[] = {
     {"ICRT_GetTrDetail", "out", KOLT_TXLOG_MAX},      {"STAR_GetTxDetail", "out", KOLT_TXLOG_MAX},
     {"IC_GetTranDeta", "out", KOLT_TXLOG_MAX},        {"IC_GetTxDetail", "out", KOLT_TXLOG_MAX},
     {"KOLT_ICRT_GetARQC", "field55", KOLT_FIELD55_MAX + 1},
+    {"KOLT_Get55Data", "out", KOLT_FIELD55_MAX + 1},
+    {"KOLT_strreplace", "text", 1024},
     {"ICRT_GetARQC", "field55", KOLT_FIELD55_MAX + 1},
     {"IC_GenARQC", "field55", KOLT_FIELD55_MAX + 1},
     {"IC_GenARQC_YS", "arqc", KOLT_FIELD55_MAX + 7},
@@ -277,6 +284,12 @@ long long slen(const Slots& a, const char* name) { return slen(a, param_index(na
 long long card_info_room(const Slots& a) {
     return std::max(259 * std::min<long long>(slen(a, "tagList"), KOLT_TAG_LETTERS_MAX) + 1, 23LL);
 }
+// A count of bytes the caller gives room for.
+long long len_room(const Slots& a) {
+    const long long n = a.get<int32_t>(param_index("len"));
+    return n <= 0 ? 0 : n;
+}
+
 constexpr const char* kCardInfoRule =
     "card information: out holds 4 + 255 bytes per requested letter (at most KOLT_TAG_LETTERS_MAX) and a terminator";
 
@@ -321,6 +334,18 @@ const std::vector<CallerRoom>& caller_rooms() {
          [](const Slots& a) { return 4 * slen(a, 0) + 1; }},
         {"KOLT_SetTLV", "out", "KOLT_SetTLV: out holds the tag, one length byte and len bytes",
          [](const Slots& a) { long long n = count(a, 1); return 3 + std::max(0LL, std::min(n, 255LL)); }},
+        {"KOLT_ReceiveData", "buf", "KOLT_ReceiveData, KOLT_rcvBuf...: buf holds len bytes", len_room},
+        {"KOLT_rcvBuf", "buf", "KOLT_ReceiveData, KOLT_rcvBuf...: buf holds len bytes", len_room},
+        {"KOLT_rcvBuf100s", "buf", "KOLT_ReceiveData, KOLT_rcvBuf...: buf holds len bytes", len_room},
+        {"KOLT_rcvBufFromHeadByte", "buf", "KOLT_ReceiveData, KOLT_rcvBuf...: buf holds len bytes", len_room},
+        {"KOLT_rcvBufFrom2DisHeadByte", "buf", "KOLT_ReceiveData, KOLT_rcvBuf...: buf holds len bytes", len_room},
+        {"KOLT_readFileToBuf", "buffer", "KOLT_readFileToBuf: buffer holds the whole file",
+         [](const Slots& a) {
+             const char* path = a.get<const char*>(param_index("path"));
+             std::error_code ec;
+             const auto n = path == nullptr ? 0 : fs::file_size(g_work / path, ec);
+             return ec ? 0LL : static_cast<long long>(n);
+         }},
         {"KOLT_ICRT_GetICCInfo", "out", kCardInfoRule, card_info_room},
         {"ICRT_GetICCInfo", "out", kCardInfoRule, card_info_room},
         {"IC_GetInfo_YS", "out", kCardInfoRule, card_info_room},
@@ -630,8 +655,6 @@ struct Outcome {
     std::string verdict;
 };
 
-int g_null_fd = -1;
-fs::path g_work;
 
 Outcome run_case(const Function& f, const Case& c, Mode mode) {
     Outcome out;
