@@ -485,7 +485,30 @@ bool self_opening(const Function& f) {
 
 // Builds the arguments (bad value c for its parameter), calls, checks the
 // output buffers. Runs in the child.
-ChildReport run_in_child(const Function& f, const Case& c, int null_fd) {
+// Calls that finish a transaction: with the simulator, its first half (the
+// ARQC) runs before them in the same child, and the application data it
+// gives is their default.
+std::map<std::string, std::string> first_half(const Function& f) {
+    std::map<std::string, std::string> out;
+    const std::string n = f.name;
+    std::vector<char> field55(8192, 0), app(8192, 0);
+    if (n == "KOLT_ICRT_ARPCExeScript" || n == "ICRT_ARPCExeScript" || n == "IC_CtlScriptData") {
+        if (KOLT_ICRT_GetARQC(0, 1, 0, "P003100", "", field55.data(), app.data()) == 0) out["appData"] = app.data();
+    } else if (n == "IC_ARPC_ExeICScript") {
+        std::string tr("P\x03" "100");
+        tr.append(kIcEncodedZeros, '\0');
+        int32_t kind = 0;
+        if (IC_GenARQC_YS(0, tr.data(), "", field55.data(), 0, &kind, app.data()) == 0)
+            out["appData"] = std::string(app.data(), KOLT_APPDATA_MAX);
+    } else if (n == "STAR_ARPC_ExeICScrip") {
+        STAR_GetARQC("a|1|b|", field55.data());
+    }
+    return out;
+}
+
+ChildReport run_in_child(const Function& f, const Case& c, int null_fd, Mode mode) {
+    const std::map<std::string, std::string> given =
+        mode == Mode::simulator ? first_half(f) : std::map<std::string, std::string>{};
     std::deque<std::string> texts;
     std::deque<std::vector<uint8_t>> bufs;
     std::deque<int32_t> ints;
@@ -515,6 +538,7 @@ ChildReport run_in_child(const Function& f, const Case& c, int null_fd) {
                 if (n == "ttyName" || n == "portName" || n == "port" || n == "portArg" || n == "devName")
                     def = port;
                 if (valid != nullptr && valid->text != nullptr) def = valid->text;
+                if (const auto g = given.find(p.name); g != given.end()) def = g->second;
                 if (!bad) {
                     text(def);
                 } else if (c.value == Value::v_null) {
@@ -687,7 +711,7 @@ Outcome run_case(const Function& f, const Case& c, Mode mode) {
             t.it_interval.tv_usec = 300000;
             ::setitimer(ITIMER_REAL, &t, nullptr);
         }
-        const ChildReport r = run_in_child(f, c, g_null_fd);
+        const ChildReport r = run_in_child(f, c, g_null_fd, mode);
         const ssize_t w = ::write(fds[1], &r, sizeof r);
         ::_exit(w == static_cast<ssize_t>(sizeof r) ? 0 : 92);
     }
