@@ -423,6 +423,7 @@ const char* describe(Value v) {
         case Value::v_nine: return "9";
         case Value::v_byte_ff: return "0xFF";
         case Value::v_nul_char: return "'\\0'";
+        case Value::v_bad_char: return "'#'";
         case Value::v_u64_max: return "UINT64_MAX";
         case Value::v_minus_one_real: return "-1.0";
     }
@@ -611,6 +612,7 @@ ChildReport run_in_child(const Function& f, const Case& c, int null_fd, Mode mod
                         case Value::v_nine: v = 9; break;
                         case Value::v_byte_ff: v = 0xFF; break;
                         case Value::v_nul_char: v = 0; break;
+                        case Value::v_bad_char: v = '#'; break;
                         case Value::v_u64_max: v = -1; break;  // all bits: UINT64_MAX as uint64_t
                         case Value::v_minus_one_real: s.d = -1.0; break;
                         default: break;
@@ -990,5 +992,36 @@ std::vector<std::string> device_families() {
 
 INSTANTIATE_TEST_SUITE_P(BadArguments, NoDevice, ::testing::ValuesIn(families()), family_name);
 INSTANTIATE_TEST_SUITE_P(BadArguments, WithSimulator, ::testing::ValuesIn(device_families()), family_name);
+
+}  // namespace
+
+namespace {
+
+// The generated table holds every function the header declares, and at
+// least one case for every parameter.
+TEST(BadArgumentsTable, EveryFunctionAndParameterOfTheHeader) {
+    const char* source = std::getenv("KOLT_TEST_SOURCE_DIR");
+    if (source == nullptr) GTEST_SKIP() << "KOLT_TEST_SOURCE_DIR not set";
+    std::ifstream header(fs::path(source) / "include/kolt/kolt.h");
+    ASSERT_TRUE(header.good());
+    std::set<std::string> declared;
+    for (std::string line; std::getline(header, line);) {
+        if (line.rfind("KOLT_API ", 0) != 0 || line.rfind("KOLT_API extern ", 0) == 0) continue;
+        const auto paren = line.find('(');
+        ASSERT_NE(paren, std::string::npos) << line;
+        auto start = line.find_last_of(" *", paren - 1);
+        declared.insert(line.substr(start + 1, paren - start - 1));
+    }
+    std::set<std::string> generated;
+    for (const Function& f : functions()) {
+        generated.insert(f.name);
+        for (int i = 0; i < f.arity; ++i) {
+            const bool covered = std::any_of(f.cases.begin(), f.cases.end(), [i](const Case& c) { return c.param == i; });
+            EXPECT_TRUE(covered) << f.name << " " << f.params[static_cast<std::size_t>(i)].name;
+        }
+    }
+    EXPECT_EQ(generated, declared);
+    EXPECT_GT(generated.size(), 150u);
+}
 
 }  // namespace

@@ -20,7 +20,7 @@
 #   port      port number            -1, 9, INT32_MIN, INT32_MAX
 #   fd        descriptor             -1, INT32_MIN, INT32_MAX
 #   int       any other integer      -1 / UINT32_MAX, INT32_MIN, INT32_MAX
-#   byte, char, u64, real            0xFF / '\0' / UINT64_MAX / -1.0
+#   byte, char, u64, real            0xFF / '\0' and '#' / UINT64_MAX / -1.0
 foreach(var HEADER OUT)
   if(NOT ${var})
     message(FATAL_ERROR "gen_bad_arguments.cmake: -D${var}= is missing")
@@ -192,7 +192,7 @@ foreach(line IN LISTS lines)
       elseif(kind STREQUAL "byte")
         set(values byte_ff)
       elseif(kind STREQUAL "char")
-        set(values nul_char)
+        set(values nul_char bad_char)
       elseif(kind STREQUAL "u64")
         set(values u64_max)
       elseif(kind STREQUAL "real")

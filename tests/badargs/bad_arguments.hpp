@@ -51,6 +51,7 @@ enum class Value {
     v_nine,         // port above the eight the terminals have
     v_byte_ff,
     v_nul_char,
+    v_bad_char,     // '#': no tag letter, no separator of the texts
     v_u64_max,
     v_minus_one_real,
 };
