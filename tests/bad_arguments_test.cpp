@@ -77,6 +77,7 @@ constexpr long long kNone = LLONG_MIN;
 // default descriptor and descriptor 0 of every case).
 fs::path g_work;
 int g_null_fd = -1;
+
 constexpr auto kLimit = std::chrono::seconds(10);  // wall clock of one case
 
 // ---------------------------------------------------------------------------
@@ -484,8 +485,6 @@ bool self_opening(const Function& f) {
            std::strcmp(f.name, "KOLT_connectDevice") == 0;
 }
 
-// Builds the arguments (bad value c for its parameter), calls, checks the
-// output buffers. Runs in the child.
 // Calls that finish a transaction: with the simulator, its first half (the
 // ARQC) runs before them in the same child, and the application data it
 // gives is their default.
@@ -507,6 +506,8 @@ std::map<std::string, std::string> first_half(const Function& f) {
     return out;
 }
 
+// Builds the arguments (bad value c for its parameter), calls, checks the
+// output buffers. Runs in the child.
 ChildReport run_in_child(const Function& f, const Case& c, int null_fd, Mode mode) {
     const std::map<std::string, std::string> given =
         mode == Mode::simulator ? first_half(f) : std::map<std::string, std::string>{};
@@ -646,6 +647,7 @@ ChildReport run_in_child(const Function& f, const Case& c, int null_fd, Mode mod
         if (const Valid* v = find_valid(f, p); v != nullptr && v->text != nullptr)
             std::memcpy(buf, v->text, std::strlen(v->text) + 1);
         before.emplace_back(buf, buf + kBuf);
+        if (r.outs == static_cast<int>(std::size(r.out))) break;
         OutReport& o = r.out[r.outs++];
         o.param = i;
         o.room = room;
