@@ -256,6 +256,21 @@ const Room kRooms[] = {
     {"IC_CtlScriptData", "scriptResult", 18},         {"IC_ARPC_ExeICScript", "scriptResult", 18},
 };
 
+// Inputs of a size the header states: exactly that much is given, so that a
+// read past it is a sanitizer report.
+const Room kInputSizes[] = {
+    {"KOLT_Equal_2bytes", "p", 2},
+    {"KOLT_T41_ICC_APDULcData", "header4", 4},
+    {"KOLT_T41_Put_Data", "tag2", 2},
+    {"KOLT_T41_ICC_GetData", "tag2", 2},
+    {"KOLT_GetApduDataFromCDOL", "random", 4},
+    {"KOLT_Get55Data", "random", 4},
+    {"KOLT_T41_ParseOneRecord", "record", 45},
+    {"YC_idCovToGBK", "record", 256 + 1024},
+    {"YC_GetBmp", "photo", 1024},
+    {"idCovToGBK", "raw", 220},
+};
+
 // Rooms the header puts on the caller as a function of the other
 // arguments: the case gets exactly that room (canaries after it).
 struct CallerRoom {
@@ -575,7 +590,11 @@ ChildReport run_in_child(const Function& f, const Case& c, int null_fd, Mode mod
                 if (bad) {
                     s.p = nullptr;
                 } else {
-                    bufs.emplace_back(kBuf, 0);
+                    std::size_t size = kBuf;
+                    for (const Room& in : kInputSizes)
+                        if (std::strcmp(in.function, f.name) == 0 && std::strcmp(in.param, p.name) == 0)
+                            size = static_cast<std::size_t>(in.bytes);
+                    bufs.emplace_back(size, 0);
                     s.p = bufs.back().data();
                 }
                 break;
@@ -848,7 +867,8 @@ void write_report(const std::string& family, Mode mode, const std::string& rows)
     md << "## Bad arguments\n\n"
        << "Every exported function of kolt.h, every parameter, bad values by the parameter's kind "
           "(generated from the header; the other arguments valid; output buffers of 128 KiB, zero up to "
-          "the room the header states and a canary beyond it), each call in a child process with a limit of "
+          "the room the header states and a canary beyond it; an input of a size the header states given exactly "
+          "that size), each call in a child process with a limit of "
        << kLimit.count()
        << " s. Device \"none\": gPortName names a missing node under /dev and descriptor 0, where the link "
           "stays for a refused port number, swallows writes and ends reads at once. Device \"simulator\": "
