@@ -819,8 +819,8 @@ Outcome run_case(const Function& f, const Case& c, Mode mode) {
 }
 
 // ---------------------------------------------------------------------------
-// The report: every test writes its rows into a part file, then joins all
-// parts into bad_arguments.md (under a lock, as ctest runs tests side by side).
+// The report: every test writes its rows into a file of its own, then joins
+// them all into bad_arguments.md (under a lock, as ctest runs tests side by side).
 
 std::string md_cell(std::string s) {
     std::string o;
@@ -848,19 +848,19 @@ bool talks_to_device(const std::string& family) {
 void write_report(const std::string& family, Mode mode, const std::string& rows) {
     const char* dir = std::getenv("KOLT_REPORT_DIR");
     if (dir == nullptr || *dir == '\0') return;
-    const fs::path parts = fs::path(dir) / "bad_arguments.parts";
-    fs::create_directories(parts);
+    const fs::path rows_dir = fs::path(dir) / "bad_arguments.d";
+    fs::create_directories(rows_dir);
     const auto fam = families();
     const auto index = std::find(fam.begin(), fam.end(), family) - fam.begin();
     char name[128];
     std::snprintf(name, sizeof name, "%02d-%d-%s.md", static_cast<int>(index), mode == Mode::simulator ? 1 : 0,
                   family.c_str());
-    std::ofstream(parts / name) << rows;
+    std::ofstream(rows_dir / name) << rows;
 
-    const int lock = ::open((parts / ".lock").c_str(), O_CREAT | O_RDWR, 0644);
+    const int lock = ::open((rows_dir / ".lock").c_str(), O_CREAT | O_RDWR, 0644);
     if (lock >= 0) ::flock(lock, LOCK_EX);
     std::vector<fs::path> files;
-    for (const auto& e : fs::directory_iterator(parts))
+    for (const auto& e : fs::directory_iterator(rows_dir))
         if (e.path().extension() == ".md") files.push_back(e.path());
     std::sort(files.begin(), files.end());
     std::ostringstream md;

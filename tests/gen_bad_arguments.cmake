@@ -89,7 +89,7 @@ function(kind_of type name fn out_var)
 endfunction()
 
 foreach(line IN LISTS lines)
-  # Families: the banner headings of the support part, then the
+  # Families: the banner headings of the support section, then the
   # KOLT-<NAME>-BEGIN markers of the subsystems.
   if(expect_heading)
     set(expect_heading FALSE)
