@@ -95,6 +95,19 @@ TEST(Ef01Capi, Protocol) {
     EXPECT_EQ(ARA_EM02_Protocol(0x01, nullptr, 4, out, &len), -1);
 }
 
+// A payload longer than a packet body can carry is refused before anything is
+// built (no packet-sized allocation for a huge count).
+TEST(Ef01Capi, ProtocolRefusesAHugePayloadAtOnce) {
+    const uint8_t payload[4] = {};
+    uint8_t out[32] = {};
+    int32_t len = 7;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(ARA_EM02_Protocol(0x01, payload, INT32_MAX, out, &len), -1);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+    EXPECT_EQ(len, 7);
+    EXPECT_TRUE(ef01::build(0x01, std::span<const uint8_t>(payload, std::size_t{0x10000})).empty());
+}
+
 // ---------------------------------------------------------------------------
 // Exchanges through the simulated module.
 

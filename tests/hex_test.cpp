@@ -2,6 +2,9 @@
 // behaviour.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdint>
+
 #include <cstring>
 #include <ctime>
 #include <filesystem>
@@ -37,6 +40,17 @@ TEST(HexStrToInt, NoOverflowCheck) { EXPECT_EQ(KOLT_hexstrtoint("123456789", 9),
 TEST(HexStrToInt, NothingToRead) {
     EXPECT_EQ(KOLT_hexstrtoint("12", 0), 0u);
     EXPECT_EQ(KOLT_hexstrtoint(nullptr, 2), 0u);
+}
+
+// Past the terminator every count reads zero digits: a count of eight or more
+// beyond it gives 0, and a huge count is no longer a loop of that length.
+TEST(HexStrToInt, CountPastTheTextReadsZeroDigits) {
+    EXPECT_EQ(KOLT_hexstrtoint("1", 3), 0x100u);
+    EXPECT_EQ(KOLT_hexstrtoint("1", 8), 0x10000000u);
+    EXPECT_EQ(KOLT_hexstrtoint("1", 9), 0u);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(KOLT_hexstrtoint("1", INT32_MAX), 0u);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
 }
 
 // ---- KOLT_hexstrtointBuf ---------------------------------------------------

@@ -1,5 +1,7 @@
 // Timed read and write primitives of the device link, on a real
 // pseudo-terminal: the test plays the far end on the master side.
+#include <signal.h>
+#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -243,3 +245,34 @@ TEST(LinkIo, ReadPacingIsHalfTheTransferTimeOfTheMissingBytes) {
 }
 
 }  // namespace
+
+// A caller's periodic timer interrupts the pause after a command many times:
+// the pause still ends when its time is up (it used to start again in full
+// after every interruption, so that a timer faster than the pause kept it
+// going for ever).
+namespace {
+void ignore_alarm(int) {}
+}  // namespace
+
+TEST(LinkIo, WaitForDataEndsOnTimeUnderAPeriodicSignal) {
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    struct sigaction sa {};
+    struct sigaction old {};
+    sa.sa_handler = ignore_alarm;  // no SA_RESTART: poll sees EINTR
+    ASSERT_EQ(::sigaction(SIGALRM, &sa, &old), 0);
+    itimerval every{};
+    every.it_value.tv_usec = 20000;
+    every.it_interval.tv_usec = 20000;
+    ASSERT_EQ(::setitimer(ITIMER_REAL, &every, nullptr), 0);
+    const auto start = std::chrono::steady_clock::now();
+    kolt::link::wait_for_data(fds[0], 300);
+    const auto took = std::chrono::steady_clock::now() - start;
+    itimerval off{};
+    ::setitimer(ITIMER_REAL, &off, nullptr);
+    ::sigaction(SIGALRM, &old, nullptr);
+    ::close(fds[0]);
+    ::close(fds[1]);
+    EXPECT_GE(took, std::chrono::milliseconds(250));
+    EXPECT_LT(took, std::chrono::milliseconds(2000));
+}

@@ -38,6 +38,7 @@ int build_into(uint8_t pid, std::span<const uint8_t> payload, std::span<uint8_t>
 }
 
 std::vector<uint8_t> build(uint8_t pid, std::span<const uint8_t> payload) {
+    if (payload.size() + kSumSize > kMaxBody) return {};  // no packet: nothing to allocate
     std::vector<uint8_t> out(kHeaderSize + payload.size() + kSumSize);
     const int n = build_into(pid, payload, out);
     out.resize(n < 0 ? 0 : static_cast<std::size_t>(n));

@@ -23,10 +23,13 @@ namespace {
 // Waits until fd is readable or ms pass; the poll events (a single look,
 // for the pauses before a reply's body and the buffer clearing).
 short wait_readable(int fd, long long ms) {
+    // A signal cuts the wait short: what is left of it follows, not all of it
+    // again (a caller's periodic timer would otherwise keep it going).
+    const Deadline deadline = Deadline::after_ms(ms);
     pollfd p{fd, POLLIN, 0};
     int r;
     do {
-        r = ::poll(&p, 1, static_cast<int>(std::clamp<long long>(ms, 0, INT_MAX)));
+        r = ::poll(&p, 1, static_cast<int>(std::clamp<long long>(deadline.remaining_ms(), 0, INT_MAX)));
     } while (r < 0 && errno == EINTR);
     return r > 0 ? p.revents : 0;
 }

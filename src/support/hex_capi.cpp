@@ -17,10 +17,13 @@ KOLT_API uint32_t KOLT_hexstrtoint(const char* text, int32_t n) {
     // The caller names n characters; a terminator inside them ends the read
     // (it would contribute a zero digit, the rest lies beyond the text).
     uint32_t value = 0;
-    bool ended = false;
     for (int32_t i = 0; i < n; ++i) {
-        const unsigned char c = ended ? 0 : static_cast<unsigned char>(text[i]);
-        if (c == 0) ended = true;
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (c == 0) {
+            // Zero digits for the rest: eight of them shift every bit out.
+            const int32_t rest = n - i;
+            return rest >= 8 ? 0 : value << (4 * rest);
+        }
         value = value * 16 + ks::hex_digit(c);
     }
     return value;
