@@ -93,6 +93,9 @@ machine() {
 EOF
 } >"$output"
 
+for f in flows.md micro.md; do
+    if [ -s "$parts/$f" ]; then cat "$parts/$f"; fi
+done
 echo "== $output written in $(( $(date +%s) - start )) s"
 if [ ${#failed[@]} -ne 0 ]; then
     echo "== failed: ${failed[*]}"
