@@ -76,10 +76,10 @@ machine() {
 ## How the figures come about
 
 - Waiting sleeps in `poll` on the line (or the socket) with the time left, and looks at `cancelOperation`
-  every 40 ms where a cancel applies; a line whose other end has gone is looked at again after a pause,
+  every 50 ms where a cancel applies; a line whose other end has gone is looked at again after a pause,
   never in a busy loop. The fingerprint capture is the exception by design: the sensor must be asked again
   500 microseconds after each "no finger" answer, so while it waits the library runs one capture exchange
-  after another, as fast as the line carries them (on a 9600-baud line about one every 13 ms); its CPU
+  after another, as fast as the line carries them (on a 9600-baud line about one every 25 ms); its CPU
   share is the cost of those exchanges.
 - Base64 decoding looks each character up in one 256-byte table whose entries outside the alphabet carry a
   flag bit, so a whole group is decoded without a branch on character classes; only a group holding such a

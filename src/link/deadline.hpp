@@ -14,7 +14,7 @@ namespace kolt::link {
 inline constexpr int kIdleSliceMs = 100;
 // Longest wait between two looks at a caller's cancel flag: a cancel ends a
 // waiting call well within 100 ms, what teller applications allow for.
-inline constexpr int kCancelSliceMs = 40;
+inline constexpr int kCancelSliceMs = 50;
 
 class Deadline {
 public:
