@@ -213,7 +213,7 @@ FrameServer::Outgoing FrameServer::outgoing(const Command& c, const Answer& answ
     if (o.fault && o.fault->kind == Fault::LengthTooLong) tw.length_extra = 4;
     if (o.fault && o.fault->kind == Fault::LengthHuge) tw.length_max = true;
     if (o.fault && o.fault->kind == Fault::OtherReply) {
-        o.wire = encode_answer(other_answer(answer), {});
+        o.wire = encode_answer(other_answer(c, answer), {});
         return o;
     }
     o.wire = encode_answer(answer, tw);
@@ -221,12 +221,16 @@ FrameServer::Outgoing FrameServer::outgoing(const Command& c, const Answer& answ
 }
 
 // A well-formed answer to another command than the one answered: the
-// greeting and the disconnect swap their replies, everything else gets the
-// version query's.
-Answer FrameServer::other_answer(const Answer& answer) const {
+// greeting and the disconnect swap their replies, the version query gets
+// the serial number's, everything else the version query's.
+Answer FrameServer::other_answer(const Command& answered, const Answer& answer) const {
     if (answer.form == ReplyForm::Bracket && (answer.cmd == 0x41 || answer.cmd == 0x42)) {
         const uint8_t other = answer.cmd == 0x41 ? 0x42 : 0x41;
         if (auto a = dispatch_(Command{Framing::Bracket, 0, other, {}})) return *a;
+    }
+    if (answered.framing == Framing::Main && answered.cls == 0x31 && answered.code == 0x11) {
+        // The version query itself gets the identity module's serial number.
+        if (auto a = dispatch_(Command{Framing::Main, 0x35, 0x87, {}})) return *a;
     }
     if (auto a = dispatch_(Command{Framing::Main, 0x31, 0x11, {0x04}})) return *a;
     return Answer{ReplyForm::Main, Reply{0x00, 0x00, {}}, 0};
@@ -234,13 +238,13 @@ Answer FrameServer::other_answer(const Answer& answer) const {
 
 // The faults that change an unframed answer: no check field and no length
 // to spoil, so only what happens to any bytes on a line.
-void FrameServer::apply_to_wire(Outgoing& o, const Command&) {
+void FrameServer::apply_to_wire(Outgoing& o, const Command& c) {
     switch (o.fault->kind) {
         case Fault::BadCheck:
             if (!o.wire.empty()) o.wire.back() ^= 0x01;
             break;
         case Fault::OtherReply:
-            o.wire = encode_answer(other_answer(Answer{ReplyForm::Raw, {}, 0}), {});
+            o.wire = encode_answer(other_answer(c, Answer{ReplyForm::Raw, {}, 0}), {});
             break;
         default:
             break;

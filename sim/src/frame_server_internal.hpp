@@ -123,7 +123,7 @@ private:
     void send(const Outgoing& o);
     void cut_line(Bytes wire, int dead_ms);
     void write_spaced(const Bytes& bytes, int gap_ms, bool give_up_on_input);
-    Answer other_answer(const Answer& answer) const;
+    Answer other_answer(const Command& answered, const Answer& answer) const;
     void apply_to_wire(Outgoing& o, const Command& c);
     bool write_all(const Bytes& bytes);
 

@@ -83,7 +83,8 @@ struct Fault {
         OtherReply,     // a well-formed reply to another command: the answer
                         // to the version query (31 11 04) in place of any
                         // main-frame, identity-read, 0x86, fingerprint or
-                        // stripe reply; the greeting and the disconnect
+                        // stripe reply (the version query itself: the serial
+                        // number's, 35 87); the greeting and the disconnect
                         // answer each with the other's reply
         LengthHuge,     // the length field claims its largest value (0xFFFF),
                         // more than any reply buffer holds
