@@ -236,6 +236,13 @@ Bytes encode_answer(const Answer& answer, const Tweak& tw) {
         case ReplyForm::Raw: {
             Bytes out = r.data;
             if (!out.empty()) out.back() ^= tw.check_xor;
+            // An EF01 packet: its length field (bytes 7 and 8) can lie too.
+            if (out.size() >= 9 && out[0] == 0xEF && out[1] == 0x01 && (tw.length_max || tw.length_extra != 0)) {
+                const size_t len = tw.length_max ? 0xFFFF
+                                                 : ((size_t{out[7]} << 8 | out[8]) + static_cast<size_t>(tw.length_extra));
+                out[7] = static_cast<uint8_t>(len >> 8);
+                out[8] = static_cast<uint8_t>(len & 0xFF);
+            }
             return out;
         }
     }

@@ -51,6 +51,7 @@ struct LinkMode {
     int type = 0;
     int public_type = 0;
     int port = 1;
+    bool wraps = false;  // the terminal forwards only blocks inside its lead and end
 };
 const std::vector<LinkMode>& link_modes();
 
@@ -89,6 +90,10 @@ struct FaultFlow {
     // the library has always done (the next call's open takes it over):
     // the descriptor count is checked after the healthy call that follows.
     bool keeps_link_on_failure = false;
+    // Writes its commands to the line as they are, without the terminal's
+    // lead and end around them: runs only where the mode has none (the
+    // local port, terminal type 4).
+    bool unwrapped = false;
     // Runs only on the local port (the call names its own device).
     bool local_only = false;
     // Runs only where a public terminal type reaches the mode (the call
@@ -105,8 +110,10 @@ struct FaultFlow {
     // The outcome under each fault; faults not listed give `failure`.
     Outcome failure;
     std::map<LineFault, Outcome> expected;
+    // Where it differs behind a teller terminal.
+    std::map<LineFault, Outcome> expected_aux;
 
-    Outcome expect(LineFault f) const;
+    Outcome expect(LineFault f, const LinkMode& mode) const;
     // How long the call may take under the fault: the exchange's time-out;
     // a trickle twice that (the reply's head arrives in time, and the clock
     // starts again for the rest).
