@@ -69,7 +69,7 @@ Fault sim_fault(LineFault f, int trickle_gap_ms) {
         case LineFault::GarbageBefore: return {Fault::GarbageBefore, 0};
         case LineFault::GarbageInside: return {Fault::GarbageInside, 0};
         case LineFault::LengthHuge: return {Fault::LengthHuge, 0};
-        case LineFault::CloseMidFrame: return {Fault::CloseMidFrame, 300};
+        case LineFault::CloseMidFrame: return {Fault::CloseMidFrame, 150};
         case LineFault::Trickle: return {Fault::Trickle, trickle_gap_ms};
         case LineFault::SplitBytes: return {Fault::SplitBytes, 1};
         case LineFault::OtherReply: return {Fault::OtherReply, 0};
@@ -109,6 +109,10 @@ Outcome FaultFlow::expect(LineFault f, const LinkMode& mode) const {
     return it == expected.end() ? failure : it->second;
 }
 
+bool FaultFlow::waits(LineFault f) const {
+    return fault_waits(f) || std::find(also_waits.begin(), also_waits.end(), f) != also_waits.end();
+}
+
 bool FaultFlow::runs_in(const LinkMode& mode) const {
     if (local_only && mode.type != 0) return false;
     if (needs_public_type && mode.public_type < 0) return false;
@@ -117,7 +121,7 @@ bool FaultFlow::runs_in(const LinkMode& mode) const {
 }
 
 std::pair<uint8_t, uint8_t> FaultFlow::target(LineFault f) const {
-    if (fault_waits(f) && wait_target) return *wait_target;
+    if (waits(f) && wait_target) return *wait_target;
     return {cls, code};
 }
 
@@ -497,6 +501,7 @@ std::vector<FaultFlow> make_flows() {
         f.timeout_ms = 6000;
         f.prepare = [](Simulator&) {};
         f.expected = healthy_under({0, ""}, {LineFault::GarbageBefore, LineFault::SplitBytes});
+        f.also_waits = {LineFault::LengthHuge};
         f.run = [](const LinkMode& m) {
             const std::string t = type_text(m), p = port_text(m);
             FlowRun r = timed([&] { return Outcome{KOLT_connectDevice("", t.c_str(), p.c_str(), "", ""), ""}; });
@@ -519,6 +524,7 @@ std::vector<FaultFlow> make_flows() {
         f.timeout_ms = 3000;
         f.prepare = [](Simulator&) {};
         f.expected = healthy_under({0, ""}, {LineFault::GarbageBefore, LineFault::SplitBytes});
+        f.also_waits = {LineFault::LengthHuge};
         f.run = [](const LinkMode& m) {
             const std::string t = type_text(m), p = port_text(m);
             const int connect = KOLT_connectDevice("", t.c_str(), p.c_str(), "", "");

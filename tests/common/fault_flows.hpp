@@ -113,7 +113,13 @@ struct FaultFlow {
     // Where it differs behind a teller terminal.
     std::map<LineFault, Outcome> expected_aux;
 
+    // Faults besides the waiting ones (fault_waits) that leave this flow
+    // waiting out its time-out: the bracket framing reads whatever count
+    // its length field gives before it looks at it.
+    std::vector<LineFault> also_waits;
+
     Outcome expect(LineFault f, const LinkMode& mode) const;
+    bool waits(LineFault f) const;
     // How long the call may take under the fault: the exchange's time-out;
     // a trickle twice that (the reply's head arrives in time, and the clock
     // starts again for the rest).
