@@ -164,6 +164,40 @@ std::vector<std::pair<const FaultFlow*, LineFault>> ctest_cells(const FaultFlow&
     return plan;
 }
 
+// The clerk verification server's misbehaviours (the reader healthy), on
+// the local port: those that end at once, or all of them (`all`: those
+// that wait out the library's 20 seconds too).
+void run_server_faults(bool all) {
+    const LinkMode& local = kolt::test::link_modes().front();
+    FlowBench bench(local);
+    const auto& flow = kolt::test::fault_flow("clerk_verify");
+    const auto warm = bench.run_clerk("1005");
+    EXPECT_EQ(warm.outcome, flow.healthy) << "clerk_verify healthy (warm-up)";
+    for (const auto& sf : kolt::test::clerk_server_faults()) {
+        if (sf.waits && !all) continue;
+        Cell c;
+        c.flow = "clerk server", c.fault = sf.name, c.mode = local.name;
+        c.want = sf.expected;
+        c.timeout_ms = sf.timeout_ms;
+        c.fds_before = kolt::test::open_descriptors();
+        const auto r = bench.run_clerk(sf.clerk);
+        c.fds_after = kolt::test::open_descriptors();
+        c.got = r.outcome, c.elapsed_ms = r.elapsed_ms;
+        const auto h = bench.run_clerk("1005");
+        c.fds_end = kolt::test::open_descriptors();
+        c.healthy_after = h.outcome == flow.healthy;
+        if (!(c.got == c.want)) c.problems += "got " + shown(c.got) + ", want " + shown(c.want) + "; ";
+        if (c.elapsed_ms > c.timeout_ms + 1000)
+            c.problems += "took " + std::to_string(c.elapsed_ms) + " ms, time-out " + std::to_string(c.timeout_ms) + " ms; ";
+        if (c.fds_after != c.fds_before || c.fds_end != c.fds_before)
+            c.problems += "descriptors " + std::to_string(c.fds_before) + " -> " + std::to_string(c.fds_after) + " -> " +
+                          std::to_string(c.fds_end) + "; ";
+        if (!c.healthy_after) c.problems += "healthy call after it gave " + shown(h.outcome) + "; ";
+        EXPECT_TRUE(c.ok()) << describe(c) << ": " << c.problems;
+        cells().push_back(c);
+    }
+}
+
 std::vector<std::pair<const FaultFlow*, LineFault>> every_cell(const LinkMode& mode, const FaultFlow* only = nullptr) {
     std::vector<std::pair<const FaultFlow*, LineFault>> plan;
     for (const auto& flow : kolt::test::fault_flows()) {
@@ -253,6 +287,13 @@ void write_report() {
             }
         }
         md << "\n";
+    }
+    md << "\nClerk verification server misbehaving (the reader healthy; Verify_clerk_finger of a clerk whose "
+          "requests the server spoils):\n\n| server fault | result | time (limit) | check |\n|---|---|---|---|\n";
+    for (const auto& c : cells()) {
+        if (c.flow != "clerk server") continue;
+        md << "| " << c.fault << " | " << c.got.code << " | " << c.elapsed_ms << " ms (" << c.timeout_ms
+           << " ms) | " << (c.ok() ? "ok" : "FAIL") << " |\n";
     }
     std::map<std::string, std::pair<int, int>> per_mode;  // cells, failures
     long long worst = -1000000;
@@ -350,6 +391,13 @@ TEST_P(TerminalMatrix, Covered) {
 INSTANTIATE_TEST_SUITE_P(Types, TerminalMatrix, ::testing::Values(1, 2, 3, 4, 5, 51),
                          [](const ::testing::TestParamInfo<int>& i) { return "type" + std::to_string(i.param); });
 
+// The clerk server's misbehaviours that end at once (the silent ones wait
+// 20 s each: the full run has them).
+TEST(FaultMatrix, ClerkServer) {
+    if (full_run()) GTEST_SKIP() << "FaultMatrix.Full runs it";
+    run_server_faults(false);
+}
+
 // A covering set on the local port and behind a terminal with the log on.
 TEST(FaultMatrix, LogOnCovered) {
     if (full_run()) GTEST_SKIP() << "FaultMatrix.Full runs it";
@@ -377,5 +425,6 @@ TEST(FaultMatrixChild, LogOn) {
 TEST(FaultMatrix, Full) {
     if (!full_run()) GTEST_SKIP() << "KOLT_FAULT_MATRIX=full runs it";
     for (const auto& mode : kolt::test::link_modes()) run_cells(mode, false, every_cell(mode));
+    run_server_faults(true);
     run_logging_child("full");
 }

@@ -12,6 +12,7 @@
 #include <stdexcept>
 
 #include "common/card_flow.hpp"
+#include "common/clerk_server.hpp"
 #include "common/com_link.hpp"
 #include "common/library_state.hpp"
 #include "common/online_flow.hpp"
@@ -459,6 +460,27 @@ std::vector<FaultFlow> make_flows() {
         flows.push_back(std::move(f));
     }
 
+    // --- clerk verification -------------------------------------------------
+    {
+        FaultFlow f;
+        f.name = "clerk_verify";
+        f.what = "Verify_clerk_finger(type, \"\", port, \"\", 1 s, clerk) against kolt-clerkd, framed sensor";
+        f.cls = 0x37, f.code = 0x96;
+        f.wait_target = std::make_pair(uint8_t{0x37}, uint8_t{0x93});
+        f.timeout_ms = 3000;
+        f.needs_public_type = true;
+        f.sensor = "framed";
+        f.clerk_server = true;
+        f.prepare = [](Simulator& sim) { sim.place_finger(); };
+        f.run = [](const LinkMode& m) { return verify_clerk(m, "1005"); };
+        f.healthy = {0, "555555"};
+        f.failure = {-5, ""};
+        f.expected = healthy_under(f.healthy, {LineFault::GarbageBefore, LineFault::SplitBytes, LineFault::Truncated,
+                                               LineFault::CloseMidFrame, LineFault::Trickle});
+        f.expected[LineFault::NoReply] = {-5, ""};
+        flows.push_back(std::move(f));
+    }
+
     // --- device information, connection, probe ---------------------------------
     {
         FaultFlow f;
@@ -637,6 +659,42 @@ std::vector<FaultFlow> make_flows() {
 
 }  // namespace
 
+FlowRun verify_clerk(const LinkMode& m, const std::string& clerk) {
+    return timed([&] {
+        char pw[KOLT_CLERK_PASSWORD_MAX] = "";
+        const int rc = Verify_clerk_finger(m.public_type, "", m.port, "", 1, "0101", clerk.c_str(), pw);
+        return Outcome{rc, pw};
+    });
+}
+
+const std::vector<ServerFault>& clerk_server_faults() {
+    static const std::vector<ServerFault> faults = {
+        {"answer in pieces", "2003", {0, "666666"}, 3000, false},
+        {"garbage", "2001", {-1, ""}, 3000, false},
+        {"closed mid-answer", "2002", {-1, ""}, 3000, false},
+        {"no end mark", "2004", {-1, ""}, 22000, true},
+        {"no answer", "2005", {-1, ""}, 22000, true},
+    };
+    return faults;
+}
+
+namespace {
+
+// The bench's clerks: 1005 and the 200x of the server faults, all with the
+// simulated sensor's built-in finger.
+std::string clerk_file() {
+    const std::string finger = to_hex(kolt::sim::default_finger_features());
+    auto clerk = [&](const std::string& num, const std::string& pw, const std::string& fault) {
+        return R"({"bankcode":"0101","clerknum":")" + num + R"(","password":")" + pw +
+               R"(","mode":2,"feature":")" + finger + R"(","fault":")" + fault + R"("})";
+    };
+    return R"({"clerks":[)" + clerk("1005", "555555", "") + "," + clerk("2001", "666666", "garbage") + "," +
+           clerk("2002", "666666", "cut") + "," + clerk("2003", "666666", "split") + "," +
+           clerk("2004", "666666", "no-end") + "," + clerk("2005", "666666", "silent") + "]}";
+}
+
+}  // namespace
+
 const std::vector<FaultFlow>& fault_flows() {
     static const std::vector<FaultFlow> flows = make_flows();
     return flows;
@@ -653,6 +711,8 @@ const FaultFlow& fault_flow(const std::string& name) {
 
 struct FlowBench::Impl {
     TempDir dir;
+    std::unique_ptr<ClerkServer> clerks;
+    std::optional<ScopedEnv> home;
     std::optional<ScopedEnv> dcchome;
     std::unique_ptr<ScopedSimulator> sim;
     std::unique_ptr<ScopedStdin> stdin_line;
@@ -676,6 +736,8 @@ FlowBench::FlowBench(const LinkMode& mode) : mode_(mode), impl_(std::make_unique
 }
 
 FlowBench::~FlowBench() {
+    impl_->home.reset();
+    impl_->clerks.reset();
     impl_->stdin_line.reset();
     impl_->sim.reset();
 }
@@ -683,6 +745,7 @@ FlowBench::~FlowBench() {
 kolt::sim::Simulator& FlowBench::sim() { return impl_->sim->get(); }
 
 FlowRun FlowBench::run(const FaultFlow& flow, std::optional<LineFault> fault) {
+    if (flow.clerk_server) start_clerks();
     Simulator& s = sim();
     s.clear_faults();
     s.set_finger_type(flow.sensor);
@@ -704,6 +767,22 @@ FlowRun FlowBench::run(const FaultFlow& flow, std::optional<LineFault> fault) {
     FlowRun r = flow.run(mode_);
     s.clear_faults();
     return r;
+}
+
+void FlowBench::start_clerks() {
+    if (impl_->clerks) return;
+    impl_->clerks = std::make_unique<ClerkServer>(clerk_file());
+    impl_->home.emplace("HOME", impl_->clerks->home());
+}
+
+FlowRun FlowBench::run_clerk(const std::string& clerk) {
+    start_clerks();
+    Simulator& s = sim();
+    s.clear_faults();
+    s.set_finger_type("framed");
+    s.place_finger();
+    away_from_second_boundary();
+    return verify_clerk(mode_, clerk);
 }
 
 // ---------------------------------------------------------------------------

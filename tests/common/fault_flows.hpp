@@ -101,6 +101,9 @@ struct FaultFlow {
     bool needs_public_type = false;
     // The fingerprint sensor it needs ("none", "framed", "ef01").
     std::string sensor = "none";
+    // Talks to the clerk verification server (kolt-clerkd, started by the
+    // bench; HOME points the library at it).
+    bool clerk_server = false;
     // Puts cards, swipes, fingers on the reader; before every run.
     std::function<void(kolt::sim::Simulator&)> prepare;
     // Calls the library; gPortName names the simulator, descriptor 0 is the
@@ -131,6 +134,21 @@ struct FaultFlow {
 const std::vector<FaultFlow>& fault_flows();
 const FaultFlow& fault_flow(const std::string& name);
 
+// Misbehaviours of the clerk verification server, each played for the
+// requests of one clerk of the bench's clerk file: what a fingerprint check
+// of that clerk gives (the reader healthy), and how long it may take.
+struct ServerFault {
+    std::string name;
+    std::string clerk;  // clerk number, bank 0101
+    Outcome expected;
+    int timeout_ms = 0;
+    bool waits = false;  // the library waits out its 20-second time-out
+};
+const std::vector<ServerFault>& clerk_server_faults();
+// A fingerprint check of a clerk (Verify_clerk_finger, 1 s capture) in the
+// mode: the result and the password handed back.
+FlowRun verify_clerk(const LinkMode& mode, const std::string& clerk);
+
 // The setting of one link mode for the lifetime of the object: the
 // simulator (with the terminal of the mode, a fingerprint sensor of each
 // kind on demand), gPortName, descriptor 0 on the simulator's line in the
@@ -147,8 +165,12 @@ public:
 
     // One run of the flow with the fault (nullopt: healthy) on its command.
     FlowRun run(const FaultFlow& flow, std::optional<LineFault> fault);
+    // A fingerprint check of one clerk of the bench's clerk file, the
+    // reader healthy (the server's misbehaviours, clerk_server_faults()).
+    FlowRun run_clerk(const std::string& clerk);
 
 private:
+    void start_clerks();
     struct Impl;
     LinkMode mode_;
     std::unique_ptr<Impl> impl_;
