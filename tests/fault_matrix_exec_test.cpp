@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <optional>
@@ -36,9 +37,20 @@ using kolt::test::LineFault;
 using kolt::test::LinkMode;
 using kolt::test::Outcome;
 
-bool full_run() {
+std::string matrix_var() {
     const char* v = std::getenv("KOLT_FAULT_MATRIX");
-    return v != nullptr && std::string(v) == "full";
+    return v == nullptr ? "" : v;
+}
+
+// KOLT_FAULT_MATRIX=full: the whole product; =report: the report of the
+// rows that full runs of single modes left in $KOLT_REPORT_DIR/rows.
+bool full_run() { return matrix_var() == "full" || matrix_var() == "report"; }
+
+// KOLT_FAULT_MATRIX_MODE=<mode name>: a full run of that mode alone (the
+// script runs the modes side by side: most of the time goes into waiting).
+bool mode_selected(const LinkMode& mode) {
+    const char* only = std::getenv("KOLT_FAULT_MATRIX_MODE");
+    return only == nullptr || mode.name == only;
 }
 
 // What one cell gave.
@@ -411,7 +423,7 @@ TEST(FaultMatrixChild, LogOn) {
     int turn = 1;
     for (const auto& mode : kolt::test::link_modes()) {
         if (which == "full") {
-            run_cells(mode, true, every_cell(mode));
+            if (mode_selected(mode)) run_cells(mode, true, every_cell(mode));
         } else if (mode.type == 0 || mode.type == 1) {
             run_cells(mode, true, covering_cells(mode, turn += 5));
         }
@@ -423,8 +435,31 @@ TEST(FaultMatrixChild, LogOn) {
 // The whole product, for the report script: every flow under every fault
 // in every mode, the log off and on.
 TEST(FaultMatrix, Full) {
-    if (!full_run()) GTEST_SKIP() << "KOLT_FAULT_MATRIX=full runs it";
-    for (const auto& mode : kolt::test::link_modes()) run_cells(mode, false, every_cell(mode));
-    run_server_faults(true);
+    if (matrix_var() != "full") GTEST_SKIP() << "KOLT_FAULT_MATRIX=full runs it";
+    for (const auto& mode : kolt::test::link_modes())
+        if (mode_selected(mode)) run_cells(mode, false, every_cell(mode));
+    if (mode_selected(kolt::test::link_modes().front())) run_server_faults(true);
     run_logging_child("full");
+    // The cells for a report made later (KOLT_FAULT_MATRIX=report).
+    if (const char* rows = std::getenv("KOLT_FAULT_MATRIX_ROWS_OUT")) {
+        std::ofstream out(rows);
+        for (const auto& c : cells()) out << to_row(c);
+    }
+}
+
+// The report of the rows of full runs of single modes.
+TEST(FaultMatrix, Report) {
+    if (matrix_var() != "report") GTEST_SKIP() << "KOLT_FAULT_MATRIX=report runs it";
+    const char* dir = std::getenv("KOLT_REPORT_DIR");
+    ASSERT_NE(dir, nullptr);
+    for (const auto& e : std::filesystem::directory_iterator(std::string(dir) + "/rows")) {
+        std::ifstream in(e.path());
+        std::string line;
+        while (std::getline(in, line)) {
+            Cell c = from_row(line);
+            EXPECT_TRUE(c.ok()) << describe(c) << ": " << c.problems;
+            cells().push_back(c);
+        }
+    }
+    EXPECT_FALSE(cells().empty());
 }
