@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "common/clerk_server.hpp"
 #include "common/fault_flows.hpp"
 #include "common/pty_util.hpp"
 #include "common/test_util.hpp"
@@ -353,7 +354,8 @@ void run_logging_child(const std::string& plan) {
     kolt::test::TempDir dir;
     const std::string rows = dir.str() + "/rows.tsv";
     std::vector<std::pair<std::string, std::string>> env = {{"KOLT_FAULT_MATRIX_ROWS", rows},
-                                                            {"KOLT_FAULT_MATRIX_CHILD", plan}};
+                                                            {"KOLT_FAULT_MATRIX_CHILD", plan},
+                                                            {"KOLT_CLERKD", kolt::test::ClerkServer::program()}};
     const int rc = kolt::test::run_copy_of_self(dir.path() / "bin" / "fault_matrix_exec_test",
                                                 "FaultMatrixChild.LogOn", env, dir.str() + "/child.out");
     std::ifstream in(rows);

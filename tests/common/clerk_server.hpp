@@ -22,7 +22,8 @@ public:
     ClerkServer(const ClerkServer&) = delete;
     ClerkServer& operator=(const ClerkServer&) = delete;
 
-    // Where the program is: <build>/sim/kolt-clerkd beside the tests.
+    // Where the program is: <build>/sim/kolt-clerkd beside the tests, or
+    // $KOLT_CLERKD (for a copy of a test program started elsewhere).
     static std::string program();
 
     bool running() const { return port_ > 0; }
