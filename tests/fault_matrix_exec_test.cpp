@@ -121,11 +121,14 @@ void run_cells(const LinkMode& mode, bool logging, const std::vector<std::pair<c
     FlowBench bench(mode);
     std::optional<kolt::test::DebugLogCapture> log;
     if (logging) log.emplace();
-    // KOLT_FAULT_MATRIX_ONLY=<flow>: that flow's cells alone (when looking into one).
+    // KOLT_FAULT_MATRIX_ONLY=<flow>, KOLT_FAULT_MATRIX_FAULT=<fault>: those
+    // cells alone (when looking into one).
     const char* only = std::getenv("KOLT_FAULT_MATRIX_ONLY");
+    const char* only_fault = std::getenv("KOLT_FAULT_MATRIX_FAULT");
     std::set<std::string> warm;
     for (const auto& [flow, fault] : plan) {
         if (only != nullptr && flow->name != only) continue;
+        if (only_fault != nullptr && std::string(kolt::test::fault_name(fault)) != only_fault) continue;
         if (warm.insert(flow->name).second) {
             const auto h = bench.run(*flow, std::nullopt);
             EXPECT_EQ(h.outcome.code, flow->healthy.code) << flow->name << " healthy (warm-up) / " << mode.name;
@@ -328,8 +331,8 @@ void write_report() {
     md << "Descriptor check (/proc/self/fd before each faulty call, after it, and after the healthy call that follows; "
           "the escape-sequence stripe calls leave their link open on failure, as they always have, until the next call): "
        << fd_bad << " cells differ.\n";
-    md << "Time limits: the time-out of the exchange whose reply is spoiled (twice that for a trickle: the reply's "
-          "head arrives in time and the clock starts again for the rest) plus 1 s.\n";
+    md << "Time limit of a call: the time-out of the exchange whose reply is spoiled, plus 1 s. The trickle sends "
+          "the reply's first byte at once and each further one after that time-out.\n";
     md << "Healthy call right after each faulty one: " << healthy_bad << " failed.\n";
     md << "Flows that need a public terminal type (the teller entry points) do not run in aux types 2, 5 and 51, "
           "which no public type reaches; the escape-sequence stripe calls write their sequences without the "

@@ -123,10 +123,15 @@ void FrameServer::on_input(const uint8_t* p, size_t n) {
     {
         std::lock_guard l(m_);
         rx_.insert(rx_.end(), p, p + n);
-        if (Clock::now() < dead_until_) return;  // the line is dead
+        // A dead line: behind a terminal it is the reader's cable that is
+        // cut; the terminal still follows its sequences, but what it
+        // forwards to the reader is lost.
+        const bool dead = Clock::now() < dead_until_;
+        if (dead && !term_) return;
         last_rx_ = Clock::now();
         if (term_) {
             const std::string data = term_->feed(std::string_view(reinterpret_cast<const char*>(p), n));
+            if (dead) return;
             parser_.append(std::span(reinterpret_cast<const uint8_t*>(data.data()), data.size()));
         } else {
             parser_.append(std::span(p, n));
@@ -322,9 +327,8 @@ void FrameServer::cut_line(Bytes wire, int dead_ms) {
     write_all(wire);
     std::lock_guard l(m_);
     dead_until_ = Clock::now() + std::chrono::milliseconds(dead_ms);
-    ::tcflush(pty_.master.get(), TCIFLUSH);
+    if (!term_) ::tcflush(pty_.master.get(), TCIFLUSH);
     parser_.clear();
-    if (term_) term_->drop_input();
 }
 
 // One byte a write, gap_ms after each. With give_up_on_input the rest is

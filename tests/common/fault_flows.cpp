@@ -448,15 +448,16 @@ std::vector<FaultFlow> make_flows() {
             });
         };
         f.healthy = {0, "5A5D544F4679706B"};
-        // Detection looks at the first byte of the answer only: a
-        // truncated, cut or trickled one still tells the sensor; no answer
-        // at all is no sensor (-3).
+        // Detection tells the sensor by the head of its answer: a
+        // truncated or cut one still does; none at all, or one whose head
+        // comes in too slowly, is no sensor (-3).
         f.failure = {sensor == "framed" ? -3 : -4, ""};
         f.expected = healthy_under(f.healthy, {LineFault::GarbageBefore, LineFault::SplitBytes, LineFault::Truncated,
-                                               LineFault::CloseMidFrame, LineFault::Trickle});
+                                               LineFault::CloseMidFrame});
         // The module's answers carry a checksum the library does not check.
         if (sensor == "ef01") f.expected[LineFault::BadCheck] = f.healthy;
         f.expected[LineFault::NoReply] = {-3, ""};
+        f.expected[LineFault::Trickle] = {-3, ""};
         flows.push_back(std::move(f));
     }
 
@@ -476,8 +477,7 @@ std::vector<FaultFlow> make_flows() {
         f.healthy = {0, "555555"};
         f.failure = {-5, ""};
         f.expected = healthy_under(f.healthy, {LineFault::GarbageBefore, LineFault::SplitBytes, LineFault::Truncated,
-                                               LineFault::CloseMidFrame, LineFault::Trickle});
-        f.expected[LineFault::NoReply] = {-5, ""};
+                                               LineFault::CloseMidFrame});
         flows.push_back(std::move(f));
     }
 
@@ -573,9 +573,11 @@ std::vector<FaultFlow> make_flows() {
         f.run = [](const LinkMode& m) { return on_open_link(m, [] { return Outcome{KOLT_getDeviceType(), ""}; }); };
         f.healthy = {0, ""};
         // The probe checks the head "(ABQ" and nothing after it: only no
-        // answer, a length it cannot read on and another reply fail it.
+        // answer, a head too slow, a length it cannot read on and another
+        // reply fail it.
         f.failure = {0, ""};
         f.expected[LineFault::NoReply] = {-1, ""};
+        f.expected[LineFault::Trickle] = {-1, ""};
         f.expected[LineFault::LengthHuge] = {-1, ""};
         f.expected[LineFault::OtherReply] = {-1, ""};
         flows.push_back(std::move(f));
@@ -747,14 +749,17 @@ kolt::sim::Simulator& FlowBench::sim() { return impl_->sim->get(); }
 FlowRun FlowBench::run(const FaultFlow& flow, std::optional<LineFault> fault) {
     if (flow.clerk_server) start_clerks();
     Simulator& s = sim();
+    // The simulator's own records would grow with every run.
+    forget_records();
     s.clear_faults();
     s.set_finger_type(flow.sensor);
     s.lift_finger();
     flow.prepare(s);
     if (fault) {
-        // A trickle slow enough that even the shortest reply outlasts the
-        // time-out of its exchange.
-        const int gap = std::max(50, (flow.timeout_ms + 1000) / 6);
+        // A trickle whose second byte comes after the time-out of the
+        // exchange: the head arrives, the rest too late, whatever the
+        // reply's length and however the library counts its seconds.
+        const int gap = flow.timeout_ms + 500;
         const auto [cls, code] = flow.target(*fault);
         const Fault sf = sim_fault(*fault, gap);
         if (flow.match && std::make_pair(cls, code) == std::make_pair(flow.cls, flow.code)) {
@@ -767,6 +772,14 @@ FlowRun FlowBench::run(const FaultFlow& flow, std::optional<LineFault> fault) {
     FlowRun r = flow.run(mode_);
     s.clear_faults();
     return r;
+}
+
+void FlowBench::forget_records() {
+    Simulator& s = sim();
+    s.clear_transcript();
+    s.clear_raw();
+    s.clear_stripe_commands();
+    s.clear_id_displays();
 }
 
 void FlowBench::start_clerks() {

@@ -73,6 +73,8 @@ struct Fault {
         CloseMidFrame,  // half the reply goes out, then the line is dead for
                         // delay_ms (default 1000): whatever the host sends in
                         // that time is dropped, as if the cable was pulled
+                        // (behind a terminal, the reader's cable: the
+                        // terminal still follows its sequences)
         GarbageInside,  // a few stray bytes in the middle of the reply
         Trickle,        // the reply goes out a byte at a time, delay_ms
                         // (default 200) between two bytes; the rest is given
