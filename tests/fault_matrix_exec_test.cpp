@@ -161,9 +161,9 @@ void run_cells(const LinkMode& mode, bool logging, const std::vector<std::pair<c
 }
 
 // The ctest share of one flow on the local port: every fault that does not
-// make the host wait, and those that do where the flow's time-out is short
-// (up to 2 s). The waits of the longer time-outs (3 to 20 s each) are for
-// the full run.
+// make the host wait, and those that do where the wait is short
+// (FaultFlow::short_waits). The longer waits (3 to 10 s each) are for the
+// full run.
 std::vector<std::pair<const FaultFlow*, LineFault>> ctest_cells(const FaultFlow& flow, int turn) {
     std::vector<std::pair<const FaultFlow*, LineFault>> plan;
     std::vector<LineFault> waiting;
@@ -175,7 +175,7 @@ std::vector<std::pair<const FaultFlow*, LineFault>> ctest_cells(const FaultFlow&
         }
     }
     (void)turn;
-    if (flow.timeout_ms <= 2000)
+    if (flow.short_waits())
         for (LineFault f : waiting) plan.emplace_back(&flow, f);
     return plan;
 }
@@ -237,7 +237,7 @@ std::vector<std::pair<const FaultFlow*, LineFault>> covering_cells(const LinkMod
     int k = turn;
     for (const FaultFlow* flow : flows) {
         LineFault f = faults[static_cast<size_t>(k++) % faults.size()];
-        while (flow->waits(f) && flow->timeout_ms > 2000) f = faults[static_cast<size_t>(k++) % faults.size()];
+        while (flow->waits(f) && !flow->short_waits()) f = faults[static_cast<size_t>(k++) % faults.size()];
         plan.emplace_back(flow, f);
         covered.insert(f);
     }

@@ -352,7 +352,9 @@ std::vector<FaultFlow> make_flows() {
         f.name = "stripe_read_escape";
         f.what = "KOLT_MC_Read(type, port, 23, 1 s)";
         f.cls = 0x1B, f.code = 'O';
-        f.timeout_ms = 2000;  // the caller's second and the last 1-second read of the loop
+        // The pause of a second after the command, the caller's second and
+        // the loop's last 1-second read.
+        f.timeout_ms = 3000;
         f.keeps_link_on_failure = true;
         f.unwrapped = true;  // the escape sequences go out without the terminal's lead and end
         f.needs_public_type = true;
@@ -378,7 +380,7 @@ std::vector<FaultFlow> make_flows() {
         f.name = "stripe_write_escape";
         f.what = "KOLT_MC_Write(type, port, 23, track 2, track 3, 1 s)";
         f.cls = 0x1B, f.code = 't';
-        f.timeout_ms = 2000;
+        f.timeout_ms = 3000;  // as the read
         f.keeps_link_on_failure = true;
         f.unwrapped = true;  // the escape sequences go out without the terminal's lead and end
         f.needs_public_type = true;

@@ -123,6 +123,10 @@ struct FaultFlow {
 
     Outcome expect(LineFault f, const LinkMode& mode) const;
     bool waits(LineFault f) const;
+    // Whether waiting out its time-out is cheap enough for the test suite
+    // and the soak: the 1-second queries and the escape-sequence stripe
+    // calls (their own time-out of a second); the others wait 3 to 10 s.
+    bool short_waits() const { return timeout_ms <= 1000 || unwrapped; }
     // How long the call may take under the fault: the exchange's time-out.
     // (A trickle whose head came in time and the rest too late could take
     // twice that: the clock starts again for the rest. The bench's trickle

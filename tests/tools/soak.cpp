@@ -94,7 +94,7 @@ std::optional<LineFault> draw_fault(std::mt19937& rng, const FaultFlow& flow) {
     if (p < 500) return std::nullopt;
     std::vector<LineFault> quick, waiting;
     for (LineFault f : kolt::test::line_faults()) (flow.waits(f) ? waiting : quick).push_back(f);
-    if (p < 520 && flow.timeout_ms <= 2000) {
+    if (p < 520 && flow.short_waits()) {
         std::uniform_int_distribution<size_t> w(0, waiting.size() - 1);
         return waiting[w(rng)];
     }
