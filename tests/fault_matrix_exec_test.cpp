@@ -164,7 +164,7 @@ void run_cells(const LinkMode& mode, bool logging, const std::vector<std::pair<c
 // make the host wait, and those that do where the wait is short
 // (FaultFlow::short_waits). The longer waits (3 to 10 s each) are for the
 // full run.
-std::vector<std::pair<const FaultFlow*, LineFault>> ctest_cells(const FaultFlow& flow, int turn) {
+std::vector<std::pair<const FaultFlow*, LineFault>> ctest_cells(const FaultFlow& flow) {
     std::vector<std::pair<const FaultFlow*, LineFault>> plan;
     std::vector<LineFault> waiting;
     for (LineFault f : kolt::test::line_faults()) {
@@ -174,7 +174,6 @@ std::vector<std::pair<const FaultFlow*, LineFault>> ctest_cells(const FaultFlow&
             waiting.push_back(f);
         }
     }
-    (void)turn;
     if (flow.short_waits())
         for (LineFault f : waiting) plan.emplace_back(&flow, f);
     return plan;
@@ -383,9 +382,7 @@ TEST_P(LocalMatrix, EveryFault) {
     if (full_run()) GTEST_SKIP() << "FaultMatrix.Full runs it";
     const FaultFlow& flow = kolt::test::fault_flow(GetParam());
     const LinkMode& local = mode_named("local");
-    const auto& all = kolt::test::fault_flows();
-    const int turn = static_cast<int>(&flow - all.data());
-    run_cells(local, false, ctest_cells(flow, turn));
+    run_cells(local, false, ctest_cells(flow));
 }
 
 INSTANTIATE_TEST_SUITE_P(Flows, LocalMatrix, ::testing::ValuesIn([] {
