@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "clerk/clerk.hpp"
+#include "common/clerk_server.hpp"
 #include "common/sim_fixture.hpp"
 #include "common/test_util.hpp"
 #include "kolt/kolt.h"
@@ -26,11 +27,6 @@ namespace clerk = kolt::clerk;
 using namespace std::chrono_literals;
 using kolt::test::ScopedEnv;
 using kolt::test::TempDir;
-
-// The program is built beside the tests: <build>/sim/kolt-clerkd.
-std::string program() {
-    return (fs::read_symlink("/proc/self/exe").parent_path().parent_path() / "sim" / "kolt-clerkd").string();
-}
 
 const std::string kEnrolled = "00112233445566778899AABBCCDDEEFF00112233";  // 20 bytes
 
@@ -49,60 +45,15 @@ std::string clerk_file() {
 ]})";
 }
 
-// kolt-clerkd on a port of its choice, with the data file and HOME of a
-// temporary directory; stopped at the end of the test.
-class Server {
+// kolt-clerkd with the clerks above.
+class Server : public kolt::test::ClerkServer {
 public:
-    explicit Server(std::vector<std::string> args = {}) {
-        if (!fs::exists(program())) return;
-        data_ = dir_.write("clerks.json", clerk_file());
-        err_ = dir_.str() + "/stderr";
-        int out[2];
-        if (::pipe(out) != 0) return;
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            ::dup2(out[1], 1);
-            if (!std::freopen(err_.c_str(), "w", stderr)) ::_exit(126);
-            std::vector<std::string> a = {program(), "--data", data_};
-            a.insert(a.end(), args.begin(), args.end());
-            std::vector<char*> argv;
-            for (auto& s : a) argv.push_back(s.data());
-            argv.push_back(nullptr);
-            ::execv(argv[0], argv.data());
-            ::_exit(127);
-        }
-        ::close(out[1]);
-        const std::string line = kolt::test::read_line(out[0]);
-        ::close(out[0]);
-        const auto colon = line.rfind(':');
-        if (line.rfind("kolt-clerkd listening on 127.0.0.1:", 0) == 0 && colon != std::string::npos)
-            port_ = std::stoi(line.substr(colon + 1));
-        dir_.write("home/librun/koltt41fp.cfg",
-                   "serverip=127.0.0.1\nserverport=" + std::to_string(port_) + "\nlogdir=" + dir_.str() + "\n");
-    }
-    ~Server() {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGTERM);
-            int st = 0;
-            ::waitpid(pid_, &st, 0);
-        }
-    }
-    bool running() const { return port_ > 0; }
-    int port() const { return port_; }
-    std::string data() const { return kolt::test::read_file(data_); }
-    std::string report() const { return kolt::test::read_file(err_); }
-    std::string home() const { return dir_.str() + "/home"; }
-
-private:
-    TempDir dir_;
-    std::string data_, err_;
-    pid_t pid_ = -1;
-    int port_ = 0;
+    explicit Server(std::vector<std::string> args = {}) : ClerkServer(clerk_file(), std::move(args)) {}
 };
 
 #define START_SERVER(name, ...)                                            \
     Server name{__VA_ARGS__};                                              \
-    if (!fs::exists(program())) GTEST_SKIP() << "kolt-clerkd not built";   \
+    if (!fs::exists(kolt::test::ClerkServer::program())) GTEST_SKIP() << "kolt-clerkd not built";   \
     ASSERT_TRUE(name.running());                                           \
     ScopedEnv home_env("HOME", name.home())
 

@@ -287,4 +287,94 @@ TEST_F(SimPaced, ReceivedInFullBeforeTheReplyStarts) {
     ASSERT_EQ(first, Bytes{0x02});
     EXPECT_EQ(sim->raw_received(), cmd);
     EXPECT_EQ(sim->transcript().size(), 1u);
+
+TEST_F(SimFault, GarbageInside) {
+    sim->inject(Fault{Fault::GarbageInside});
+    line->write(kRfOn);
+    const Bytes got = line->read_for(300);
+    ASSERT_EQ(got.size(), kOk.size() + 6);
+    const size_t half = kOk.size() / 2;
+    EXPECT_EQ(Bytes(got.begin(), got.begin() + static_cast<long>(half)), Bytes(kOk.begin(), kOk.begin() + static_cast<long>(half)));
+    EXPECT_EQ(Bytes(got.begin() + static_cast<long>(half), got.begin() + static_cast<long>(half) + 6),
+              (Bytes{0x00, 0x55, 0xAA, 'Z', 0x7F, 0xFF}));
+    EXPECT_EQ(Bytes(got.end() - static_cast<long>(kOk.size() - half), got.end()),
+              Bytes(kOk.begin() + static_cast<long>(half), kOk.end()));
+    EXPECT_EQ(rf_on(), kOk);
+}
+
+TEST_F(SimFault, TrickleSpacesTheBytes) {
+    sim->inject(Fault{Fault::Trickle, 60});
+    const auto start = Clock::now();
+    line->write(kRfOn);
+    const Bytes got = line->read(kOk.size(), 3000);
+    const auto took = Clock::now() - start;
+    EXPECT_EQ(got, kOk);
+    // 12 bytes, 11 gaps of 60 ms.
+    EXPECT_GE(took, std::chrono::milliseconds(600));
+}
+
+TEST_F(SimFault, TrickleGivesUpWhenTheHostSendsAgain) {
+    sim->inject(Fault{Fault::Trickle, 100});
+    line->write(kRfOn);
+    const Bytes first = line->read(2, 1000);
+    EXPECT_EQ(first, Bytes(kOk.begin(), kOk.begin() + 2));
+    // The host goes on with the next command: the rest is dropped, the new
+    // command answered whole.
+    line->write(kRfOn);
+    const Bytes rest = line->read_until(0x03, 2000);
+    ASSERT_GE(rest.size(), kOk.size());
+    EXPECT_EQ(Bytes(rest.end() - static_cast<long>(kOk.size()), rest.end()), kOk);
+    EXPECT_LT(rest.size(), 2 * kOk.size() - 2);
+}
+
+TEST_F(SimFault, SplitBytesComeOneByOne) {
+    sim->set_id_answer(Bytes(30, 0x41));
+    sim->inject_for(0x35, 0x82, Fault{Fault::SplitBytes, 3});
+    line->write(encode_main_command(0x35, 0x82, {}));
+    // Each read finds a byte or two, never the whole reply at once.
+    Bytes got;
+    size_t reads = 0;
+    const auto end = Clock::now() + std::chrono::seconds(3);
+    while (Clock::now() < end && (got.empty() || got.back() != 0x03)) {
+        const Bytes part = line->read(1, 100);
+        if (part.empty()) continue;
+        got.insert(got.end(), part.begin(), part.end());
+        ++reads;
+    }
+    EXPECT_TRUE(decode_special_reply(got));
+    EXPECT_GT(reads, got.size() / 3);
+}
+
+TEST_F(SimFault, OtherReplyIsTheVersionAnswer) {
+    sim->inject(Fault{Fault::OtherReply});
+    const Bytes got = rf_on();
+    const auto frame = decode_main(got);
+    ASSERT_TRUE(frame);
+    const std::string version = "KL560T41-FW-20240115-V1.08";
+    EXPECT_EQ(std::string(frame->data.begin(), frame->data.end()), version);
+    EXPECT_EQ(rf_on(), kOk);
+}
+
+TEST_F(SimFault, OtherReplySwapsGreetingAndDisconnect) {
+    sim->inject(Fault{Fault::OtherReply});
+    line->write(std::string("(AAQAEA)"));
+    const auto got = decode_bracket(line->read_until(')', 1500));
+    ASSERT_TRUE(got);
+    EXPECT_EQ(got->cmd, 0x42);
+}
+
+TEST_F(SimFault, LengthHugeOnEveryFraming) {
+    sim->inject(Fault{Fault::LengthHuge});
+    EXPECT_EQ(rf_on(), stx_etx("????000000"));
+    sim->inject(Fault{Fault::LengthHuge});
+    line->write(std::string("(AAQAEA)"));
+    const Bytes got = line->read_until(')', 1500);
+    ASSERT_GE(got.size(), 4u);
+    EXPECT_EQ(std::string(got.begin(), got.begin() + 4), "(//8");
+    sim->set_id_answer(Bytes{0x01, 0x02, 0x03});
+    sim->inject_for(0x35, 0x82, Fault{Fault::LengthHuge});
+    line->write(encode_main_command(0x35, 0x82, {}));
+    const Bytes special = line->read_until(0x03, 1500);
+    ASSERT_GE(special.size(), 5u);
+    EXPECT_EQ(std::string(special.begin() + 1, special.begin() + 5), "????");
 }

@@ -73,7 +73,7 @@ static uint8_t xor_of(std::span<const uint8_t> s) {
 // --- main frame ----------------------------------------------------------------
 
 Bytes encode_main_frame(uint8_t a, uint8_t b, std::span<const uint8_t> data, const Tweak& tw) {
-    const size_t len = data.size() + 2 + static_cast<size_t>(tw.length_extra);
+    const size_t len = tw.length_max ? 0xFFFF : data.size() + 2 + static_cast<size_t>(tw.length_extra);
     Bytes logical;
     logical.reserve(data.size() + 5);
     logical.push_back(static_cast<uint8_t>(len >> 8));
@@ -92,7 +92,7 @@ Bytes encode_main_frame(uint8_t a, uint8_t b, std::span<const uint8_t> data, con
 
 Bytes encode_special_frame(std::span<const uint8_t> body, const Tweak& tw) {
     const std::string text = base64_encode(body);
-    const size_t len = text.size() + static_cast<size_t>(tw.length_extra);
+    const size_t len = tw.length_max ? 0xFFFF : text.size() + static_cast<size_t>(tw.length_extra);
     const uint8_t lenb[2] = {static_cast<uint8_t>(len >> 8), static_cast<uint8_t>(len & 0xFF)};
     uint8_t check = tw.check_xor;
     for (char c : text) check ^= static_cast<uint8_t>(c);
@@ -151,7 +151,7 @@ std::optional<Bytes> decode_special_reply(std::span<const uint8_t> wire) {
 
 Bytes encode_bracket_frame(uint8_t cmd, std::span<const uint8_t> data, const Tweak& tw) {
     const std::string body = base64_encode(data);
-    const size_t lenval = body.size() + 4 + static_cast<size_t>(tw.length_extra);
+    const size_t lenval = tw.length_max ? 0xFFFF : body.size() + 4 + static_cast<size_t>(tw.length_extra);
     const uint8_t lenb[2] = {static_cast<uint8_t>(lenval >> 8), static_cast<uint8_t>(lenval & 0xFF)};
     Bytes wire;
     wire.push_back('(');
@@ -195,7 +195,7 @@ std::optional<BracketFrame> decode_bracket(std::span<const uint8_t> wire) {
 // --- 0x86 family ----------------------------------------------------------------
 
 Bytes encode_86_frame(std::span<const uint8_t> payload, const Tweak& tw) {
-    const size_t len = payload.size() + 2 + static_cast<size_t>(tw.length_extra);
+    const size_t len = tw.length_max ? 0xFFFF : payload.size() + 2 + static_cast<size_t>(tw.length_extra);
     Bytes logical{0x86, static_cast<uint8_t>(len >> 8), static_cast<uint8_t>(len & 0xFF)};
     logical.insert(logical.end(), payload.begin(), payload.end());
     uint8_t sum = 0;
@@ -236,6 +236,13 @@ Bytes encode_answer(const Answer& answer, const Tweak& tw) {
         case ReplyForm::Raw: {
             Bytes out = r.data;
             if (!out.empty()) out.back() ^= tw.check_xor;
+            // An EF01 packet: its length field (bytes 7 and 8) can lie too.
+            if (out.size() >= 9 && out[0] == 0xEF && out[1] == 0x01 && (tw.length_max || tw.length_extra != 0)) {
+                const size_t len = tw.length_max ? 0xFFFF
+                                                 : ((size_t{out[7]} << 8 | out[8]) + static_cast<size_t>(tw.length_extra));
+                out[7] = static_cast<uint8_t>(len >> 8);
+                out[8] = static_cast<uint8_t>(len & 0xFF);
+            }
             return out;
         }
     }

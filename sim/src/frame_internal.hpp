@@ -10,6 +10,7 @@ namespace kolt::sim {
 struct Tweak {
     uint8_t check_xor = 0;  // XORed into the check field
     int length_extra = 0;   // added to the length field
+    bool length_max = false;  // the length field at its largest value instead
 };
 
 Bytes encode_main_frame(uint8_t a, uint8_t b, std::span<const uint8_t> data, const Tweak& tw);

@@ -27,8 +27,9 @@ const Bytes kGarbage = {0x00, 0x55, 0xAA, 'Z', 0x7F, 0xFF};
 constexpr std::chrono::nanoseconds kByteTime{1'041'667};
 
 const char* fault_name(Fault::Kind k) {
-    static const char* const names[] = {"no reply",        "bad check", "truncate",       "garbage before",
-                                        "length too long", "delay",     "close mid-frame"};
+    static const char* const names[] = {"no reply",       "bad check",      "truncate",       "garbage before",
+                                        "length too long", "delay",         "close mid-frame", "garbage inside",
+                                        "trickle",         "split bytes",   "other reply",     "length huge"};
     return names[k];
 }
 
@@ -162,10 +163,15 @@ void FrameServer::receive(const uint8_t* p, size_t n) {
     {
         std::lock_guard l(m_);
         rx_.insert(rx_.end(), p, p + n);
-        if (Clock::now() < dead_until_) return;  // the line is dead
+        // A dead line: behind a terminal it is the reader's cable that is
+        // cut; the terminal still follows its sequences, but what it
+        // forwards to the reader is lost.
+        const bool dead = Clock::now() < dead_until_;
+        if (dead && !term_) return;
         last_rx_ = Clock::now();
         if (term_) {
             const std::string data = term_->feed(std::string_view(reinterpret_cast<const char*>(p), n));
+            if (dead) return;
             parser_.append(std::span(reinterpret_cast<const uint8_t*>(data.data()), data.size()));
         } else {
             parser_.append(std::span(p, n));
@@ -203,7 +209,13 @@ void FrameServer::on_timer() {
             if (late.answer) {
                 out.push_back(outgoing(late.command, *late.answer));
             } else {
-                out.push_back(Outgoing{std::move(late.raw), std::nullopt});
+                // Unframed answers (the stripe reader's escape replies) take
+                // the faults of their command too.
+                Outgoing o;
+                o.fault = take_fault(key_of(late.command.cls, late.command.code), late.command);
+                o.wire = std::move(late.raw);
+                if (o.fault) apply_to_wire(o, late.command);
+                out.push_back(std::move(o));
             }
         }
     }
@@ -246,8 +258,44 @@ FrameServer::Outgoing FrameServer::outgoing(const Command& c, const Answer& answ
     Tweak tw;
     if (o.fault && o.fault->kind == Fault::BadCheck) tw.check_xor = 0x01;
     if (o.fault && o.fault->kind == Fault::LengthTooLong) tw.length_extra = 4;
+    if (o.fault && o.fault->kind == Fault::LengthHuge) tw.length_max = true;
+    if (o.fault && o.fault->kind == Fault::OtherReply) {
+        o.wire = encode_answer(other_answer(c, answer), {});
+        return o;
+    }
     o.wire = encode_answer(answer, tw);
     return o;
+}
+
+// A well-formed answer to another command than the one answered: the
+// greeting and the disconnect swap their replies, the version query gets
+// the serial number's, everything else the version query's.
+Answer FrameServer::other_answer(const Command& answered, const Answer& answer) const {
+    if (answer.form == ReplyForm::Bracket && (answer.cmd == 0x41 || answer.cmd == 0x42)) {
+        const uint8_t other = answer.cmd == 0x41 ? 0x42 : 0x41;
+        if (auto a = dispatch_(Command{Framing::Bracket, 0, other, {}})) return *a;
+    }
+    if (answered.framing == Framing::Main && answered.cls == 0x31 && answered.code == 0x11) {
+        // The version query itself gets the identity module's serial number.
+        if (auto a = dispatch_(Command{Framing::Main, 0x35, 0x87, {}})) return *a;
+    }
+    if (auto a = dispatch_(Command{Framing::Main, 0x31, 0x11, {0x04}})) return *a;
+    return Answer{ReplyForm::Main, Reply{0x00, 0x00, {}}, 0};
+}
+
+// The faults that change an unframed answer: no check field and no length
+// to spoil, so only what happens to any bytes on a line.
+void FrameServer::apply_to_wire(Outgoing& o, const Command& c) {
+    switch (o.fault->kind) {
+        case Fault::BadCheck:
+            if (!o.wire.empty()) o.wire.back() ^= 0x01;
+            break;
+        case Fault::OtherReply:
+            o.wire = encode_answer(other_answer(c, Answer{ReplyForm::Raw, {}, 0}), {});
+            break;
+        default:
+            break;
+    }
 }
 
 void FrameServer::raw(const RawRule& rule) {
@@ -295,6 +343,17 @@ void FrameServer::send(const Outgoing& o) {
             case Fault::CloseMidFrame:
                 cut_line(std::move(wire), f.delay_ms > 0 ? f.delay_ms : 1000);
                 return;
+            case Fault::GarbageInside:
+                wire.insert(wire.begin() + static_cast<long>(wire.size() / 2), kGarbage.begin(), kGarbage.end());
+                break;
+            case Fault::Trickle:
+                if (verbose_) log("-> (trickled) " + printable(std::string(wire.begin(), wire.end())));
+                write_spaced(wire, f.delay_ms > 0 ? f.delay_ms : 200, true);
+                return;
+            case Fault::SplitBytes:
+                if (verbose_) log("-> (split) " + printable(std::string(wire.begin(), wire.end())));
+                write_spaced(wire, f.delay_ms > 0 ? f.delay_ms : 1, false);
+                return;
             default:
                 break;
         }
@@ -310,9 +369,28 @@ void FrameServer::cut_line(Bytes wire, int dead_ms) {
     write_all(wire);
     std::lock_guard l(m_);
     dead_until_ = Clock::now() + std::chrono::milliseconds(dead_ms);
-    ::tcflush(pty_.master.get(), TCIFLUSH);
+    if (!term_) ::tcflush(pty_.master.get(), TCIFLUSH);
     parser_.clear();
-    if (term_) term_->drop_input();
+}
+
+// One byte a write, gap_ms after each. With give_up_on_input the rest is
+// dropped as soon as the host sends something (a host that gave up on the
+// reply and goes on).
+void FrameServer::write_spaced(const Bytes& bytes, int gap_ms, bool give_up_on_input) {
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        if (stopping_) return;
+        if (!write_all(Bytes{bytes[i]})) return;
+        if (i + 1 == bytes.size()) break;
+        if (give_up_on_input) {
+            pollfd pfd{pty_.master.get(), POLLIN, 0};
+            if (::poll(&pfd, 1, gap_ms) > 0 && (pfd.revents & POLLIN)) {
+                log("host sent again; rest of the trickled reply dropped");
+                return;
+            }
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(gap_ms));
+        }
+    }
 }
 
 bool FrameServer::write_all(const Bytes& bytes) {

@@ -132,6 +132,9 @@ private:
     Outgoing outgoing(const Command& c, const Answer& answer);
     void send(const Outgoing& o);
     void cut_line(Bytes wire, int dead_ms);
+    void write_spaced(const Bytes& bytes, int gap_ms, bool give_up_on_input);
+    Answer other_answer(const Command& answered, const Answer& answer) const;
+    void apply_to_wire(Outgoing& o, const Command& c);
     bool write_all(const Bytes& bytes);
 
     const bool pace_, verbose_;

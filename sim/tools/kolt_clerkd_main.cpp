@@ -69,7 +69,7 @@ void usage(std::FILE* to) {
         "  Clerk verification server on 127.0.0.1; prints \"kolt-clerkd listening on 127.0.0.1:PORT\".\n"
         "  --data FILE         clerk file (JSON, see sim/README.md); password changes are written back\n"
         "  --port N            TCP port (default 0: any free port)\n"
-        "  --fault MODE        none | split | garbage | no-end | silent | bare | empty-result | no-response\n"
+        "  --fault MODE        none | split | garbage | cut | no-end | silent | bare | empty-result | no-response\n"
         "                      (a clerk's own \"fault\" in the file wins for its requests)\n"
         "  --segments N        split: number of segments (default 3)\n"
         "  --delay-ms MS       split: pause between segments (default 50)\n"
@@ -342,6 +342,8 @@ void serve(int fd) {
         hold(fd);
     } else if (r.fault == "garbage") {
         send_all(fd, "\x01\x02 not an answer at all \xff\xfe\n");
+    } else if (r.fault == "cut") {
+        send_all(fd, answer.substr(0, answer.size() / 2));
     } else if (r.fault == "no-end") {
         send_all(fd, answer.substr(0, answer.size() - std::strlen("</koltes>")));
         hold(fd);
@@ -395,7 +397,7 @@ int main(int argc, char** argv) {
     }
     if (optind != argc) bad_usage("unexpected argument");
     if (g_opt.data.empty()) bad_usage("--data is required");
-    static const char* faults[] = {"none", "split", "garbage", "no-end", "silent", "bare", "empty-result", "no-response"};
+    static const char* faults[] = {"none", "split", "garbage", "cut", "no-end", "silent", "bare", "empty-result", "no-response"};
     if (std::find_if(std::begin(faults), std::end(faults), [](const char* f) { return g_opt.fault == f; }) ==
         std::end(faults))
         bad_usage("unknown fault " + g_opt.fault);

@@ -30,22 +30,6 @@ using kolt::test::gbk;
 
 std::string rc_text(int rc) { return "rc=" + std::to_string(rc); }
 
-// A working directory of its own holding the photo library's stand-in (the
-// identity-card read loads ./libwlt.so and writes zp.bmp there).
-class StandinDir {
-public:
-    StandinDir() : saved_(fs::current_path()) {
-        fs::copy_file(fs::path(KOLT_STANDIN_DIR) / "libwlt.so", dir_.path() / "libwlt.so");
-        fs::current_path(dir_.path());
-    }
-    ~StandinDir() { fs::current_path(saved_); }
-    const fs::path& path() const { return dir_.path(); }
-
-private:
-    TempDir dir_;
-    fs::path saved_;
-};
-
 // The tracks the framed read gives: status, two length bytes, data.
 std::string track_text(const std::vector<uint8_t>& buf) {
     const size_t len = static_cast<size_t>(buf[1] << 8 | buf[2]);

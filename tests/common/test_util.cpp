@@ -111,6 +111,16 @@ int run_copy_of_self(const std::filesystem::path& copy, const std::string& filte
     return WEXITSTATUS(status);
 }
 
+StandinDir::StandinDir() : saved_(std::filesystem::current_path()) {
+    std::filesystem::copy_file(std::filesystem::path(KOLT_STANDIN_DIR) / "libwlt.so", dir_.path() / "libwlt.so");
+    std::filesystem::current_path(dir_.path());
+}
+
+StandinDir::~StandinDir() {
+    std::error_code ec;
+    std::filesystem::current_path(saved_, ec);
+}
+
 std::vector<uint8_t> bytes(std::initializer_list<int> values) {
     std::vector<uint8_t> out;
     for (int v : values) out.push_back(static_cast<uint8_t>(v));

@@ -120,6 +120,22 @@ private:
     TempDir dir_;
 };
 
+// A working directory of its own holding the photo library's stand-in (the
+// identity-card read loads ./libwlt.so and writes zp.bmp there), the
+// working directory for the lifetime of the object.
+class StandinDir {
+public:
+    StandinDir();
+    ~StandinDir();
+    StandinDir(const StandinDir&) = delete;
+    StandinDir& operator=(const StandinDir&) = delete;
+    const std::filesystem::path& path() const { return dir_.path(); }
+
+private:
+    TempDir dir_;
+    std::filesystem::path saved_;
+};
+
 std::vector<uint8_t> bytes(std::initializer_list<int> values);
 
 // One line of a child program's output on fd (without its newline), waiting

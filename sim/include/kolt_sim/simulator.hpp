@@ -73,6 +73,23 @@ struct Fault {
         CloseMidFrame,  // half the reply goes out, then the line is dead for
                         // delay_ms (default 1000): whatever the host sends in
                         // that time is dropped, as if the cable was pulled
+                        // (behind a terminal, the reader's cable: the
+                        // terminal still follows its sequences)
+        GarbageInside,  // a few stray bytes in the middle of the reply
+        Trickle,        // the reply goes out a byte at a time, delay_ms
+                        // (default 200) between two bytes; the rest is given
+                        // up as soon as the host sends again
+        SplitBytes,     // the reply goes out a byte at a time, each its own
+                        // write, delay_ms (default 1) between two: the whole
+                        // reply, just in pieces
+        OtherReply,     // a well-formed reply to another command: the answer
+                        // to the version query (31 11 04) in place of any
+                        // main-frame, identity-read, 0x86, fingerprint or
+                        // stripe reply (the version query itself: the serial
+                        // number's, 35 87); the greeting and the disconnect
+                        // answer each with the other's reply
+        LengthHuge,     // the length field claims its largest value (0xFFFF),
+                        // more than any reply buffer holds
     };
     Kind kind = NoReply;
     int delay_ms = 0;
