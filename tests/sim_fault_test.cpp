@@ -287,6 +287,7 @@ TEST_F(SimPaced, ReceivedInFullBeforeTheReplyStarts) {
     ASSERT_EQ(first, Bytes{0x02});
     EXPECT_EQ(sim->raw_received(), cmd);
     EXPECT_EQ(sim->transcript().size(), 1u);
+}
 
 TEST_F(SimFault, GarbageInside) {
     sim->inject(Fault{Fault::GarbageInside});
