@@ -112,7 +112,7 @@ check_package() {
         local rel="${file#"$root"/}"
         got="$(readelf -h "$file" | sed -n 's/^ *Machine: *//p')"
         [ "$got" = "$machine" ] || fail "$pkg: $rel is for '$got', not '$machine'"
-        if readelf -d "$file" | grep -qE '\((RPATH|RUNPATH)\)'; then
+        if readelf -d "$file" | grep -E '\((RPATH|RUNPATH)\)' >/dev/null; then
             fail "$pkg: $rel has $(readelf -d "$file" | grep -E '\((RPATH|RUNPATH)\)' | sed 's/^ *//')"
         fi
         needed+="$(readelf -d "$file" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')"$'\n'
@@ -148,7 +148,9 @@ check_package() {
     names="$(echo "$names" | sed '/^$/d' | sort)"
     local must
     for must in "$@"; do
-        echo "$names" | grep -qx -- "$must" || fail "$pkg: Depends lacks $must: $depends"
+        # A match on whole lines without a pipe: under pipefail a reader
+        # that stops early can fail a pipeline whose match was found.
+        [[ $'\n'"$names"$'\n' == *$'\n'"$must"$'\n'* ]] || fail "$pkg: Depends lacks $must: $depends"
     done
     local wanted
     wanted="$( { echo "$needs" | grep -v '^?' || true; printf '%s\n' "$@"; } | sed '/^$/d' | sort -u)"
@@ -215,7 +217,7 @@ if [ -f "$lib2" ]; then
     got="$(dpkg-deb -I "$lib2" shlibs 2>/dev/null || true)"
     [ "$got" = "$want" ] || fail "libkolt2: shlibs is '$got', not '$want'"
     got="$(dpkg-deb -I "$lib2" triggers 2>/dev/null || true)"
-    echo "$got" | grep -qx "activate-noawait ldconfig" || fail "libkolt2: no ldconfig trigger ('$got')"
+    [[ $'\n'"$got"$'\n' == *$'\n'"activate-noawait ldconfig"$'\n'* ]] || fail "libkolt2: no ldconfig trigger ('$got')"
 fi
 for pkg in libkolt-dev kolt-tools; do
     deb="$debs/${pkg}_${version}_${arch}.deb"
