@@ -3,6 +3,7 @@
 // mark or too long, refused connections, missing settings, the capture
 // source.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -196,6 +197,26 @@ TEST(ClerkSocket, SocketConnectRefusedAndConnected) {
     EXPECT_EQ(socketConnect(fd2, reinterpret_cast<sockaddr*>(&a), sizeof a, 2), 0);
     send(fd2, "</koltes>", 9, 0);
     ::close(fd2);
+}
+
+TEST(ClerkSocket, SocketConnectRefusesAnAddressLengthBeyondAnyAddress) {
+    // The kernel's answer (EINVAL, -1, the descriptor left open and as it
+    // was), without reading the caller's memory that far.
+    ScriptedServer server({});
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(static_cast<uint16_t>(server.port()));
+    for (const uint32_t len : {uint32_t{sizeof(sockaddr_storage) + 1}, uint32_t{INT32_MAX}, UINT32_MAX}) {
+        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        const int flags = ::fcntl(fd, F_GETFL, 0);
+        errno = 0;
+        EXPECT_EQ(socketConnect(fd, reinterpret_cast<sockaddr*>(&a), len, 2), -1) << len;
+        EXPECT_EQ(errno, EINVAL) << len;
+        EXPECT_EQ(::fcntl(fd, F_GETFL, 0), flags) << len;
+        EXPECT_EQ(socketConnect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a, 2), 0) << len;
+        ::close(fd);
+    }
 }
 
 TEST(ClerkSocket, SilentServerTimesOutWithMinus1) {

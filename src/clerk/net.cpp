@@ -34,7 +34,12 @@ int code_for(ReplyState s) { return s == ReplyState::waiting_start ? -1 : s == R
 int connect_with_timeout(int fd, const sockaddr* addr, socklen_t len, int timeout_secs) {
     const int flags = ::fcntl(fd, F_GETFL, 0);
     if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) return -1;
-    if (::connect(fd, addr, len) != 0) {
+    // An address length beyond any address is refused here as the kernel
+    // refuses it (EINVAL), so that nothing reads that far into the caller's
+    // memory on its way to the kernel.
+    const int refused = len > sizeof(sockaddr_storage) ? EINVAL : 0;
+    if (refused != 0 || ::connect(fd, addr, len) != 0) {
+        if (refused != 0) errno = refused;
         if (errno != EINPROGRESS) {
             const int saved = errno;
             ::fcntl(fd, F_SETFL, flags);
