@@ -52,3 +52,19 @@ kolt_build() {
     cmake -S "$KOLT_ROOT" -B "$dir" "$@" >/dev/null
     cmake --build "$dir" -j "$KOLT_JOBS"
 }
+
+# The machine a report was made on: CPU, cores, memory, kernel, compiler.
+kolt_machine() {
+    local cpu
+    cpu="$(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -1)"
+    [ -n "$cpu" ] || cpu="$(uname -m)"
+    echo "$cpu ($(uname -m)), $(nproc) cores, $(awk '/^MemTotal/ { printf "%.1f GiB", $2 / 1048576 }' /proc/meminfo);" \
+        "$(uname -sr); $(g++ --version | head -1)"
+}
+
+# "`<commit>`" of the tree a report was made from, marked when it has local
+# changes (the fuzz run log, which grows beside the reports, aside).
+kolt_commit_text() {
+    echo "\`$(git -C "$KOLT_ROOT" rev-parse --short HEAD 2>/dev/null || echo unknown)\`$(
+        git -C "$KOLT_ROOT" diff --quiet HEAD -- . ':!fuzz/runs.tsv' 2>/dev/null || echo ' (with local changes)')"
+}
