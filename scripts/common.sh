@@ -63,8 +63,10 @@ kolt_machine() {
 }
 
 # "`<commit>`" of the tree a report was made from, marked when it has local
-# changes (the fuzz run log, which grows beside the reports, aside).
+# changes (the reports themselves and the fuzz run log, which grows beside
+# them, aside).
 kolt_commit_text() {
     echo "\`$(git -C "$KOLT_ROOT" rev-parse --short HEAD 2>/dev/null || echo unknown)\`$(
-        git -C "$KOLT_ROOT" diff --quiet HEAD -- . ':!fuzz/runs.tsv' 2>/dev/null || echo ' (with local changes)')"
+        git -C "$KOLT_ROOT" diff --quiet HEAD -- . ':!fuzz/runs.tsv' ':!docs/robustness.md' ':!docs/performance.md' \
+            2>/dev/null || echo ' (with local changes)')"
 }
